@@ -1,0 +1,24 @@
+// The `quillon` command line: parses the arguments and hands each subcommand to the libraries.
+#include <CLI/CLI.hpp>
+#include <QCoreApplication>
+
+#include <iostream>
+
+int main(int argc, char** argv) {
+    QCoreApplication application(argc, argv);
+    QCoreApplication::setApplicationName(QStringLiteral("Quillon"));
+    QCoreApplication::setApplicationVersion(QStringLiteral(QUILLON_VERSION));
+
+    CLI::App app{"Quillon: a local-first laboratory notebook for experiments and protocols.", "quillon"};
+    app.set_version_flag("--version", std::string("quillon ") + QUILLON_VERSION);
+    app.require_subcommand(0, 1);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error);
+    }
+    if (app.get_subcommands().empty()) {
+        std::cout << app.help();
+    }
+    return 0;
+}

@@ -1,0 +1,9 @@
+// Entry point of the test programs that need only Qt Core: a QCoreApplication, then every GoogleTest test.
+#include <QCoreApplication>
+#include <gtest/gtest.h>
+
+int main(int argc, char** argv) {
+    ::testing::InitGoogleTest(&argc, argv);
+    QCoreApplication application(argc, argv);
+    return RUN_ALL_TESTS();
+}
