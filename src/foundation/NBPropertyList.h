@@ -1,4 +1,4 @@
-// Property-list values held in QVariant, and their binary and XML codecs (over libplist).
+// Property-list values held in QVariant, and their binary ("bplist00") and XML codecs.
 //
 // A property-list value is one of: QString (string), qint64 (integer; other integer types are accepted on
 // input and read back as qint64, or quint64 above the signed range), double (real), bool (boolean),
