@@ -22,8 +22,11 @@ endif()
 # Flags every Quillon target gets (third-party code is compiled elsewhere and is not affected).
 add_library(quillon_compile_options INTERFACE)
 target_compile_options(quillon_compile_options INTERFACE
-    -Wall -Wextra -Wpedantic -Wshadow=local -Wnon-virtual-dtor -Wold-style-cast -Wcast-align
-    -Woverloaded-virtual -Wimplicit-fallthrough -Wformat=2)
+    -Wall -Wextra -Wpedantic -Wnon-virtual-dtor -Wold-style-cast -Wcast-align
+    -Woverloaded-virtual -Wimplicit-fallthrough -Wformat=2
+    # The same check under each compiler's own name: a local variable hiding another local.
+    $<$<CXX_COMPILER_ID:GNU>:-Wshadow=local>
+    $<$<CXX_COMPILER_ID:Clang>:-Wshadow-uncaptured-local>)
 if(QUILLON_WERROR)
     target_compile_options(quillon_compile_options INTERFACE -Werror)
 endif()
