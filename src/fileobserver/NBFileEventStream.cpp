@@ -1,0 +1,729 @@
+// The inotify engine behind file observers: one shared inotify instance, one delivery thread, per-stream
+// recursive watches, coalescing windows and the polling fallback.
+#include "fileobserver/NBFileEventStream.h"
+
+#include "fileobserver/NBFileObserver.h"
+
+#include "foundation/NBLogging.h"
+
+#include <QDir>
+#include <QFile>
+#include <QHash>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <optional>
+#include <thread>
+#include <unordered_map>
+
+#include <dirent.h>
+#include <poll.h>
+#include <pthread.h>
+#include <sys/eventfd.h>
+#include <sys/inotify.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+Q_LOGGING_CATEGORY(lcFileObserver, "quillon.fileobserver")
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// What every watched folder reports. IN_DONT_FOLLOW and IN_ONLYDIR keep the recursion from following
+// symbolic links (which could loop) or racing with a folder replaced by a file; IN_EXCL_UNLINK stops
+// reporting writes to files that were deleted while still open.
+constexpr std::uint32_t kFolderMask = IN_CREATE | IN_DELETE | IN_MODIFY | IN_CLOSE_WRITE | IN_ATTRIB |
+                                      IN_MOVED_FROM | IN_MOVED_TO | IN_DELETE_SELF | IN_MOVE_SELF |
+                                      IN_EXCL_UNLINK | IN_DONT_FOLLOW | IN_ONLYDIR;
+// The observed path itself may be a symbolic link to a folder, or a file.
+constexpr std::uint32_t kRootMask = kFolderMask & ~std::uint32_t(IN_DONT_FOLLOW | IN_ONLYDIR);
+
+std::atomic<double> latencySeconds{kNBFileObserverLatency};
+std::atomic<double> pollingIntervalSeconds{kNBFileObserverPollingInterval};
+
+std::atomic<bool>& forcedPolling() {
+    static std::atomic<bool> forced{[] {
+        const char* value = std::getenv(kNBFileObserverPollingEnvironmentVariable);
+        return value && *value && std::strcmp(value, "0") != 0;
+    }()};
+    return forced;
+}
+
+Clock::duration durationForSeconds(double seconds) {
+    return std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
+}
+
+QString joinPath(const QString& folder, const QString& name) {
+    if (name.isEmpty())
+        return folder;
+    if (folder.endsWith(QLatin1Char('/')))
+        return folder + name;
+    return folder + QLatin1Char('/') + name;
+}
+
+struct PendingEvent {
+    QString path;
+    std::uint32_t flags = 0;
+    std::uint64_t identifier = 0;
+};
+
+} // namespace
+
+// One stream's state, shared by its handle and the engine. Fields are guarded by the engine's mutex, except
+// `snapshot`, which only the delivery thread touches once the stream is registered.
+struct NBFileEventStreamState {
+    std::uint64_t identifier = 0;
+    QString rootPath;
+    NBFileEventStream::Callback callback;
+    const void* context = nullptr;
+    std::atomic<bool> running{true};
+    std::atomic<bool> polling{false};
+    // Watched folders of this stream by path, and the descriptor of each.
+    std::map<QString, int> watchByPath;
+    std::vector<PendingEvent> pending;
+    QHash<QString, qsizetype> pendingIndexByPath;
+    std::optional<Clock::time_point> deadline;
+    bool flushRequested = false;
+    NBFileSnapshot snapshot;
+    Clock::time_point nextPoll;
+};
+
+namespace {
+
+using StreamPointer = std::shared_ptr<NBFileEventStreamState>;
+
+class Engine {
+public:
+    static Engine& shared() {
+        // Created on first use and never destroyed: the delivery thread runs for the life of the process,
+        // so the engine must outlive every static destructor that might still tear a stream down.
+        static Engine* engine = new Engine();
+        return *engine;
+    }
+
+    void addStream(const StreamPointer& stream);
+    void removeStream(const StreamPointer& stream);
+    void flush(const StreamPointer& stream, bool wait);
+    std::size_t watchDescriptorCount() {
+        std::lock_guard lock(mutex_);
+        return subscribersByWatch_.size();
+    }
+    void wake();
+
+private:
+    Engine();
+    void run();
+
+    // The helpers below run with mutex_ held.
+    bool watchTree(NBFileEventStreamState& stream, const QString& folder, bool reportContents, bool isRoot);
+    void unwatchSubtree(NBFileEventStreamState& stream, const QString& folder);
+    void unwatchAll(NBFileEventStreamState& stream);
+    void unsubscribe(int watch, std::uint64_t streamIdentifier);
+    void record(NBFileEventStreamState& stream, const QString& path, std::uint32_t flags);
+    void switchToPolling(NBFileEventStreamState& stream, bool logError);
+    void readInotifyEvents();
+    void handleEvent(NBFileEventStreamState& stream, int watch, const QString& folder, std::uint32_t mask,
+                     const QString& name);
+    void handleOverflow();
+    void applySnapshot(NBFileEventStreamState& stream, NBFileSnapshot snapshot);
+    std::vector<PendingEvent> takeBatch(NBFileEventStreamState& stream);
+
+    static void deliver(const StreamPointer& stream, const std::vector<PendingEvent>& batch);
+
+    std::mutex mutex_;
+    std::condition_variable flushCondition_;
+    int inotifyDescriptor_ = -1;
+    int wakeDescriptor_ = -1;
+    std::thread::id threadIdentifier_;
+    std::unordered_map<int, std::map<std::uint64_t, QString>> subscribersByWatch_;
+    std::map<std::uint64_t, StreamPointer> streams_;
+    std::uint64_t nextEventIdentifier_ = 1;
+    std::uint64_t flushTicket_ = 0;
+    std::uint64_t completedFlushTicket_ = 0;
+};
+
+Engine::Engine() {
+    inotifyDescriptor_ = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    wakeDescriptor_ = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    std::thread thread([this] { run(); });
+    threadIdentifier_ = thread.get_id();
+    pthread_setname_np(thread.native_handle(), "NBFileObserver");
+    thread.detach();
+}
+
+void Engine::wake() {
+    if (wakeDescriptor_ < 0)
+        return;
+    std::uint64_t one = 1;
+    ssize_t written = write(wakeDescriptor_, &one, sizeof one);
+    (void)written; // A full counter already means "wake up".
+}
+
+void Engine::addStream(const StreamPointer& stream) {
+    if (!forcedPolling().load() && inotifyDescriptor_ >= 0) {
+        // The watches are added and the stream registered in one step, so that no event arriving on a new
+        // watch finds its stream missing.
+        std::unique_lock lock(mutex_);
+        if (watchTree(*stream, stream->rootPath, false, true)) {
+            streams_[stream->identifier] = stream;
+            return;
+        }
+        unwatchAll(*stream);
+    }
+    qCCritical(lcFileObserver).noquote()
+        << nbFormat("ERROR: could not start FSEventStream for path %@", stream->rootPath);
+    // The first snapshot is taken before the stream is registered, so only later changes are reported.
+    stream->snapshot = nbFileSnapshotOfPath(stream->rootPath);
+    stream->polling = true;
+    {
+        std::lock_guard lock(mutex_);
+        stream->nextPoll = Clock::now() + durationForSeconds(pollingIntervalSeconds.load());
+        streams_[stream->identifier] = stream;
+    }
+    wake();
+}
+
+void Engine::removeStream(const StreamPointer& stream) {
+    std::lock_guard lock(mutex_);
+    stream->running = false;
+    unwatchAll(*stream);
+    stream->pending.clear();
+    stream->pendingIndexByPath.clear();
+    stream->deadline.reset();
+    streams_.erase(stream->identifier);
+}
+
+bool Engine::watchTree(NBFileEventStreamState& stream, const QString& folder, bool reportContents,
+                       bool isRoot) {
+    std::vector<std::pair<QString, bool>> folders{{folder, isRoot}};
+    while (!folders.empty()) {
+        auto [path, root] = folders.back();
+        folders.pop_back();
+        QByteArray encoded = QFile::encodeName(path);
+        int watch =
+            inotify_add_watch(inotifyDescriptor_, encoded.constData(), root ? kRootMask : kFolderMask);
+        if (watch < 0) {
+            // A folder that vanished or became a file during the walk is simply no longer there to watch, and
+            // a folder we may not read could not be polled either; anything else (the watch limit, ENOSPC,
+            // or a root that cannot be watched) falls back to polling.
+            if (!root && (errno == ENOENT || errno == ENOTDIR || errno == EACCES))
+                continue;
+            return false;
+        }
+        auto& subscribers = subscribersByWatch_[watch];
+        auto existing = subscribers.find(stream.identifier);
+        if (existing != subscribers.end() && existing->second != path)
+            stream.watchByPath.erase(existing->second);
+        subscribers[stream.identifier] = path;
+        stream.watchByPath[path] = watch;
+
+        struct stat status {};
+        if (stat(encoded.constData(), &status) != 0 || !S_ISDIR(status.st_mode))
+            continue; // an observed file has nothing below it
+        DIR* directory = opendir(encoded.constData());
+        if (!directory)
+            continue;
+        std::uint32_t contentFlags = 0;
+        while (dirent* entry = readdir(directory)) {
+            if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0)
+                continue;
+            QString name = QFile::decodeName(entry->d_name);
+            if (nbIsSynchronisationTemporaryName(name))
+                continue;
+            bool isDirectory = entry->d_type == DT_DIR;
+            if (entry->d_type == DT_UNKNOWN) {
+                struct stat entryStatus {};
+                QByteArray entryPath = QFile::encodeName(joinPath(path, name));
+                isDirectory = lstat(entryPath.constData(), &entryStatus) == 0 && S_ISDIR(entryStatus.st_mode);
+            }
+            contentFlags |=
+                kNBFileSystemEventFlagItemCreated |
+                (isDirectory ? kNBFileSystemEventFlagItemIsDirectory : kNBFileSystemEventFlagItemIsFile);
+            if (isDirectory)
+                folders.emplace_back(joinPath(path, name), false);
+        }
+        closedir(directory);
+        // A folder created (or moved in) while observing may already hold entries written before its watch
+        // existed; report them, since no kernel event will.
+        if (reportContents && contentFlags)
+            record(stream, path, contentFlags);
+    }
+    return true;
+}
+
+void Engine::unsubscribe(int watch, std::uint64_t streamIdentifier) {
+    auto found = subscribersByWatch_.find(watch);
+    if (found == subscribersByWatch_.end())
+        return;
+    found->second.erase(streamIdentifier);
+    if (found->second.empty()) {
+        inotify_rm_watch(inotifyDescriptor_, watch);
+        subscribersByWatch_.erase(found);
+    }
+}
+
+void Engine::unwatchSubtree(NBFileEventStreamState& stream, const QString& folder) {
+    // Every key starting with `folder` is contiguous in the sorted map; of those, keep the folder itself and
+    // its descendants ("a/b" and "a/b/c", not "a/bc").
+    auto position = stream.watchByPath.lower_bound(folder);
+    while (position != stream.watchByPath.end() && position->first.startsWith(folder)) {
+        const QString& path = position->first;
+        if (path.size() == folder.size() || path.at(folder.size()) == QLatin1Char('/')) {
+            unsubscribe(position->second, stream.identifier);
+            position = stream.watchByPath.erase(position);
+        } else {
+            ++position;
+        }
+    }
+}
+
+void Engine::unwatchAll(NBFileEventStreamState& stream) {
+    for (const auto& [path, watch] : stream.watchByPath)
+        unsubscribe(watch, stream.identifier);
+    stream.watchByPath.clear();
+}
+
+void Engine::record(NBFileEventStreamState& stream, const QString& path, std::uint32_t flags) {
+    auto found = stream.pendingIndexByPath.constFind(path);
+    if (found != stream.pendingIndexByPath.constEnd()) {
+        stream.pending[std::size_t(found.value())].flags |= flags;
+    } else {
+        stream.pendingIndexByPath.insert(path, qsizetype(stream.pending.size()));
+        stream.pending.push_back({path, flags, nextEventIdentifier_++});
+    }
+    if (!stream.deadline)
+        stream.deadline = Clock::now() + durationForSeconds(latencySeconds.load());
+}
+
+void Engine::switchToPolling(NBFileEventStreamState& stream, bool logError) {
+    if (logError)
+        qCCritical(lcFileObserver).noquote()
+            << nbFormat("ERROR: could not start FSEventStream for path %@", stream.rootPath);
+    unwatchAll(stream);
+    stream.snapshot = nbFileSnapshotOfPath(stream.rootPath);
+    stream.polling = true;
+    stream.nextPoll = Clock::now() + durationForSeconds(pollingIntervalSeconds.load());
+}
+
+void Engine::readInotifyEvents() {
+    if (inotifyDescriptor_ < 0)
+        return;
+    alignas(inotify_event) char buffer[64 * 1024];
+    for (;;) {
+        ssize_t length = read(inotifyDescriptor_, buffer, sizeof buffer);
+        if (length <= 0)
+            return; // EAGAIN: drained
+        for (char* position = buffer; position < buffer + length;) {
+            inotify_event event;
+            std::memcpy(&event, position, sizeof event);
+            QString name = event.len ? QFile::decodeName(position + sizeof(inotify_event)) : QString();
+            position += sizeof(inotify_event) + event.len;
+            if (event.wd == -1 || (event.mask & IN_Q_OVERFLOW)) {
+                handleOverflow();
+                continue;
+            }
+            auto found = subscribersByWatch_.find(event.wd);
+            if (found == subscribersByWatch_.end())
+                continue; // a watch we already removed
+            // Handling may change the subscribers (a stream switching to polling), so walk a copy.
+            std::map<std::uint64_t, QString> subscribers = found->second;
+            for (const auto& [streamIdentifier, folder] : subscribers) {
+                auto stream = streams_.find(streamIdentifier);
+                if (stream != streams_.end() && !stream->second->polling)
+                    handleEvent(*stream->second, event.wd, folder, event.mask, name);
+            }
+        }
+    }
+}
+
+void Engine::handleEvent(NBFileEventStreamState& stream, int watch, const QString& folder, std::uint32_t mask,
+                         const QString& name) {
+    bool isRoot = folder == stream.rootPath;
+    if (mask & IN_IGNORED) {
+        // The kernel dropped the watch: its folder was deleted, or its file system unmounted.
+        auto found = stream.watchByPath.find(folder);
+        if (found != stream.watchByPath.end() && found->second == watch)
+            stream.watchByPath.erase(found);
+        unsubscribe(watch, stream.identifier);
+        if (isRoot) {
+            record(stream, stream.rootPath, kNBFileSystemEventFlagRootChanged);
+            switchToPolling(stream, false);
+        }
+        return;
+    }
+    if (mask & IN_UNMOUNT) {
+        record(stream, folder, kNBFileSystemEventFlagUnmount);
+        return;
+    }
+    if (mask & (IN_DELETE_SELF | IN_MOVE_SELF)) {
+        // A folder below the root going away is reported by its parent; the root going away is reported
+        // on the root, which is then polled so that its reappearance is noticed.
+        if (isRoot) {
+            record(stream, stream.rootPath, kNBFileSystemEventFlagRootChanged);
+            switchToPolling(stream, false);
+        }
+        return;
+    }
+    if (!name.isEmpty() && nbIsSynchronisationTemporaryName(name))
+        return;
+    record(stream, folder, nbFileSystemEventFlagsForInotifyMask(mask));
+    if (!(mask & IN_ISDIR) || name.isEmpty())
+        return;
+    QString child = joinPath(folder, name);
+    if (mask & (IN_MOVED_FROM | IN_DELETE))
+        unwatchSubtree(stream, child);
+    if (mask & (IN_CREATE | IN_MOVED_TO)) {
+        if (!watchTree(stream, child, true, false))
+            switchToPolling(stream, true);
+    }
+}
+
+void Engine::handleOverflow() {
+    // The kernel's queue overflowed and changes were lost, anywhere: every stream must rescan, and folders
+    // created meanwhile may lack watches, so each tree is walked again (existing watches are kept).
+    for (auto& [identifier, stream] : streams_) {
+        if (stream->polling)
+            continue;
+        record(*stream, stream->rootPath,
+               kNBFileSystemEventFlagMustScanSubDirectories | kNBFileSystemEventFlagKernelDropped);
+        if (!watchTree(*stream, stream->rootPath, false, true))
+            switchToPolling(*stream, true);
+    }
+}
+
+void Engine::applySnapshot(NBFileEventStreamState& stream, NBFileSnapshot snapshot) {
+    for (const auto& [folder, flags] : nbFileSnapshotDifferences(stream.snapshot, snapshot))
+        record(stream, joinPath(stream.rootPath, folder), flags | kNBFileSystemEventFlagPolled);
+    stream.snapshot = std::move(snapshot);
+    stream.nextPoll = Clock::now() + durationForSeconds(pollingIntervalSeconds.load());
+}
+
+std::vector<PendingEvent> Engine::takeBatch(NBFileEventStreamState& stream) {
+    std::vector<PendingEvent> batch;
+    batch.swap(stream.pending);
+    stream.pendingIndexByPath.clear();
+    stream.deadline.reset();
+    stream.flushRequested = false;
+    return batch;
+}
+
+void Engine::deliver(const StreamPointer& stream, const std::vector<PendingEvent>& batch) {
+    if (batch.empty() || !stream->running || !stream->callback)
+        return;
+    QDateTime now = QDateTime::currentDateTimeUtc();
+    std::vector<NBFileSystemEvent> events;
+    events.reserve(batch.size());
+    for (const PendingEvent& pending : batch)
+        events.emplace_back(pending.path, now, pending.identifier, pending.flags);
+    stream->callback(stream->context, stream->identifier, events);
+}
+
+void Engine::flush(const StreamPointer& stream, bool wait) {
+    if (wait && std::this_thread::get_id() == threadIdentifier_) {
+        // Called from an observer's method on the delivery thread: waiting for the thread would wait for
+        // ourselves, so do its work for this stream here.
+        std::vector<PendingEvent> batch;
+        {
+            std::lock_guard lock(mutex_);
+            readInotifyEvents();
+            if (stream->polling && stream->running)
+                applySnapshot(*stream, nbFileSnapshotOfPath(stream->rootPath));
+            batch = takeBatch(*stream);
+        }
+        deliver(stream, batch);
+        return;
+    }
+    std::uint64_t ticket = 0;
+    {
+        std::lock_guard lock(mutex_);
+        stream->flushRequested = true;
+        ticket = ++flushTicket_;
+    }
+    wake();
+    if (!wait)
+        return;
+    std::unique_lock lock(mutex_);
+    flushCondition_.wait(lock, [&] { return completedFlushTicket_ >= ticket; });
+}
+
+void Engine::run() {
+    for (;;) {
+        int timeout = -1;
+        {
+            std::lock_guard lock(mutex_);
+            std::optional<Clock::time_point> nearest;
+            for (const auto& [identifier, stream] : streams_) {
+                if (stream->flushRequested)
+                    nearest = Clock::now();
+                if (stream->deadline && (!nearest || *stream->deadline < *nearest))
+                    nearest = stream->deadline;
+                if (stream->polling && (!nearest || stream->nextPoll < *nearest))
+                    nearest = stream->nextPoll;
+            }
+            if (nearest) {
+                auto remaining =
+                    std::chrono::ceil<std::chrono::milliseconds>(*nearest - Clock::now()).count();
+                timeout = int(std::clamp<long long>(remaining, 0, 60 * 60 * 1000));
+            }
+            // Without a wake-up descriptor, new streams and flushes are noticed by waking regularly.
+            if (wakeDescriptor_ < 0 && (timeout < 0 || timeout > 100))
+                timeout = 100;
+        }
+        pollfd descriptors[2] = {{inotifyDescriptor_, POLLIN, 0}, {wakeDescriptor_, POLLIN, 0}};
+        int polled = poll(descriptors, 2, timeout);
+        if (polled < 0 && errno != EINTR)
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        if (wakeDescriptor_ >= 0) {
+            std::uint64_t count = 0;
+            ssize_t readCount = read(wakeDescriptor_, &count, sizeof count);
+            (void)readCount; // EAGAIN when nothing woke us
+        }
+
+        std::uint64_t servingTicket = 0;
+        std::vector<StreamPointer> streamsToPoll;
+        {
+            std::lock_guard lock(mutex_);
+            servingTicket = flushTicket_;
+            readInotifyEvents();
+            auto now = Clock::now();
+            for (const auto& [identifier, stream] : streams_)
+                if (stream->polling && (stream->flushRequested || now >= stream->nextPoll))
+                    streamsToPoll.push_back(stream);
+        }
+        // Snapshots can take a while on a large tree, so they are taken without holding the engine's lock.
+        for (const StreamPointer& stream : streamsToPoll) {
+            NBFileSnapshot snapshot = nbFileSnapshotOfPath(stream->rootPath);
+            std::lock_guard lock(mutex_);
+            if (stream->running && stream->polling)
+                applySnapshot(*stream, std::move(snapshot));
+        }
+
+        std::vector<std::pair<StreamPointer, std::vector<PendingEvent>>> deliveries;
+        {
+            std::lock_guard lock(mutex_);
+            auto now = Clock::now();
+            for (const auto& [identifier, stream] : streams_) {
+                if (stream->flushRequested || (stream->deadline && now >= *stream->deadline))
+                    deliveries.emplace_back(stream, takeBatch(*stream));
+            }
+        }
+        for (const auto& [stream, batch] : deliveries)
+            deliver(stream, batch);
+        {
+            std::lock_guard lock(mutex_);
+            completedFlushTicket_ = servingTicket;
+        }
+        flushCondition_.notify_all();
+    }
+}
+
+} // namespace
+
+NBFileEventStream::NBFileEventStream(const QString& path, Callback callback, const void* context) {
+    static std::atomic<std::uint64_t> nextIdentifier{1};
+    identifier_ = nextIdentifier++;
+    state_ = std::make_shared<NBFileEventStreamState>();
+    state_->identifier = identifier_;
+    state_->rootPath =
+        QDir::cleanPath(QDir::isAbsolutePath(path) ? path : QDir::current().absoluteFilePath(path));
+    state_->callback = std::move(callback);
+    state_->context = context;
+    Engine::shared().addStream(state_);
+}
+
+NBFileEventStream::~NBFileEventStream() {
+    stop();
+}
+
+bool NBFileEventStream::isPolling() const {
+    return state_->polling;
+}
+
+void NBFileEventStream::stop() {
+    if (state_->running)
+        Engine::shared().removeStream(state_);
+}
+
+bool NBFileEventStream::isStopped() const {
+    return !state_->running;
+}
+
+void NBFileEventStream::flushSynchronously() {
+    if (state_->running)
+        Engine::shared().flush(state_, true);
+}
+
+void NBFileEventStream::flushAsynchronously() {
+    if (state_->running)
+        Engine::shared().flush(state_, false);
+}
+
+void NBFileEventStream::setLatency(double seconds) {
+    latencySeconds = seconds > 0 ? seconds : 0.0;
+}
+
+double NBFileEventStream::latency() {
+    return latencySeconds;
+}
+
+void NBFileEventStream::setForcesPolling(bool forcesPolling) {
+    forcedPolling() = forcesPolling;
+}
+
+bool NBFileEventStream::forcesPolling() {
+    return forcedPolling();
+}
+
+void NBFileEventStream::setPollingInterval(double seconds) {
+    pollingIntervalSeconds = seconds > 0.05 ? seconds : 0.05;
+    Engine::shared().wake();
+}
+
+double NBFileEventStream::pollingInterval() {
+    return pollingIntervalSeconds;
+}
+
+std::size_t NBFileEventStream::watchDescriptorCount() {
+    return Engine::shared().watchDescriptorCount();
+}
+
+std::uint32_t nbFileSystemEventFlagsForInotifyMask(std::uint32_t mask) {
+    std::uint32_t flags = 0;
+    if (mask & IN_CREATE)
+        flags |= kNBFileSystemEventFlagItemCreated;
+    if (mask & IN_DELETE)
+        flags |= kNBFileSystemEventFlagItemRemoved;
+    if (mask & (IN_MODIFY | IN_CLOSE_WRITE))
+        flags |= kNBFileSystemEventFlagItemModified;
+    if (mask & IN_ATTRIB)
+        flags |= kNBFileSystemEventFlagItemInodeMetaModified;
+    if (mask & (IN_MOVED_FROM | IN_MOVED_TO))
+        flags |= kNBFileSystemEventFlagItemRenamed;
+    if (mask & (IN_DELETE_SELF | IN_MOVE_SELF))
+        flags |= kNBFileSystemEventFlagRootChanged;
+    if (mask & IN_UNMOUNT)
+        flags |= kNBFileSystemEventFlagUnmount;
+    if (mask & IN_Q_OVERFLOW)
+        flags |= kNBFileSystemEventFlagMustScanSubDirectories | kNBFileSystemEventFlagKernelDropped;
+    if (flags & (kNBFileSystemEventFlagItemCreated | kNBFileSystemEventFlagItemRemoved |
+                 kNBFileSystemEventFlagItemModified | kNBFileSystemEventFlagItemInodeMetaModified |
+                 kNBFileSystemEventFlagItemRenamed))
+        flags |= (mask & IN_ISDIR) ? kNBFileSystemEventFlagItemIsDirectory : kNBFileSystemEventFlagItemIsFile;
+    return flags;
+}
+
+bool nbIsSynchronisationTemporaryName(const QString& name) {
+    if (name == QLatin1String(".dropbox.cache"))
+        return true;
+    if (name.startsWith(QLatin1String("~syncthing~")))
+        return true;
+    // ".syncthing.*.tmp": the prefix and the suffix must not overlap (".syncthing.tmp" is an ordinary name).
+    constexpr qsizetype shortestTemporaryName = 15; // ".syncthing." + ".tmp"
+    return name.size() >= shortestTemporaryName && name.startsWith(QLatin1String(".syncthing.")) &&
+           name.endsWith(QLatin1String(".tmp"));
+}
+
+NBFileSnapshot nbFileSnapshotOfPath(const QString& rootPath) {
+    NBFileSnapshot snapshot;
+    auto entryForStatus = [](const struct stat& status) {
+        NBFileSnapshotEntry entry;
+        entry.isDirectory = S_ISDIR(status.st_mode);
+        entry.size = entry.isDirectory ? 0 : qint64(status.st_size);
+        entry.modificationTime = qint64(status.st_mtim.tv_sec) * 1000000000 + status.st_mtim.tv_nsec;
+        return entry;
+    };
+    struct stat status {};
+    if (stat(QFile::encodeName(rootPath).constData(), &status) != 0)
+        return snapshot;
+    snapshot.emplace(QString(), entryForStatus(status));
+    if (!S_ISDIR(status.st_mode))
+        return snapshot;
+    std::vector<QString> folders{QString()};
+    while (!folders.empty()) {
+        QString relativeFolder = folders.back();
+        folders.pop_back();
+        QByteArray encoded = QFile::encodeName(joinPath(rootPath, relativeFolder));
+        DIR* directory = opendir(encoded.constData());
+        if (!directory)
+            continue;
+        while (dirent* entry = readdir(directory)) {
+            if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0)
+                continue;
+            QString name = QFile::decodeName(entry->d_name);
+            if (nbIsSynchronisationTemporaryName(name))
+                continue;
+            QString relativePath = relativeFolder.isEmpty() ? name : relativeFolder + QLatin1Char('/') + name;
+            struct stat entryStatus {};
+            if (lstat(QFile::encodeName(joinPath(rootPath, relativePath)).constData(), &entryStatus) != 0)
+                continue; // removed while walking
+            NBFileSnapshotEntry snapshotEntry = entryForStatus(entryStatus);
+            snapshot.emplace(relativePath, snapshotEntry);
+            if (snapshotEntry.isDirectory)
+                folders.push_back(relativePath);
+        }
+        closedir(directory);
+    }
+    return snapshot;
+}
+
+std::vector<std::pair<QString, std::uint32_t>> nbFileSnapshotDifferences(const NBFileSnapshot& before,
+                                                                         const NBFileSnapshot& after) {
+    std::vector<std::pair<QString, std::uint32_t>> differences;
+    QHash<QString, std::size_t> indexByFolder;
+    auto add = [&](const QString& folder, std::uint32_t flags) {
+        auto found = indexByFolder.constFind(folder);
+        if (found != indexByFolder.constEnd()) {
+            differences[found.value()].second |= flags;
+            return;
+        }
+        indexByFolder.insert(folder, differences.size());
+        differences.emplace_back(folder, flags);
+    };
+    auto folderOf = [](const QString& relativePath) {
+        qsizetype slash = relativePath.lastIndexOf(QLatin1Char('/'));
+        return slash < 0 ? QString() : relativePath.left(slash);
+    };
+    auto kindFlag = [](const NBFileSnapshotEntry& entry) {
+        return entry.isDirectory ? kNBFileSystemEventFlagItemIsDirectory : kNBFileSystemEventFlagItemIsFile;
+    };
+    // Both maps are sorted by path: one merge pass finds entries only before, only after, or in both.
+    auto old = before.begin();
+    auto current = after.begin();
+    while (old != before.end() || current != after.end()) {
+        if (current == after.end() || (old != before.end() && old->first < current->first)) {
+            if (old->first.isEmpty())
+                add(QString(), kNBFileSystemEventFlagRootChanged | kNBFileSystemEventFlagItemRemoved);
+            else
+                add(folderOf(old->first), kNBFileSystemEventFlagItemRemoved | kindFlag(old->second));
+            ++old;
+        } else if (old == before.end() || current->first < old->first) {
+            if (current->first.isEmpty())
+                add(QString(), kNBFileSystemEventFlagRootChanged | kNBFileSystemEventFlagItemCreated);
+            else
+                add(folderOf(current->first), kNBFileSystemEventFlagItemCreated | kindFlag(current->second));
+            ++current;
+        } else {
+            const NBFileSnapshotEntry& was = old->second;
+            const NBFileSnapshotEntry& is = current->second;
+            if (was.isDirectory != is.isDirectory) {
+                add(folderOf(current->first),
+                    kNBFileSystemEventFlagItemRemoved | kNBFileSystemEventFlagItemCreated | kindFlag(is));
+            } else if (!is.isDirectory && was != is) {
+                // A folder's own time changes with every entry added or removed, which its entries already
+                // report; only files count as modified.
+                add(folderOf(current->first),
+                    kNBFileSystemEventFlagItemModified | kNBFileSystemEventFlagItemIsFile);
+            }
+            ++old;
+            ++current;
+        }
+    }
+    return differences;
+}

@@ -1,0 +1,103 @@
+// The event stream under every file observer: a recursive inotify watch of one path, coalesced into
+// folder-level events and delivered on one dedicated thread; or, when the path cannot be watched, a poll of
+// the path every few seconds. See NBFileObserver.h for how this stands in for the platform's folder events.
+//
+// All streams of the process share one inotify instance (the per-user limit on instances is small, 128 by
+// default) and one delivery thread, named "NBFileObserver". The thread waits on the inotify descriptor, an
+// eventfd that wakes it for flushes and new streams, and the nearest deadline (end of a coalescing window or
+// next poll). Watches are shared between streams that observe overlapping folders: the kernel returns one
+// watch descriptor per folder and instance, so the descriptor is removed only when the last stream using it
+// lets go.
+//
+// Coalescing: the first change after a quiet period opens a window of the configured latency; when it ends,
+// every folder that changed during the window is delivered once, in the order of its first change, with the
+// union of its flags. Changes that arrive during delivery open the next window.
+//
+// The small pure helpers at the end (flags for an inotify mask, synchronisation temporaries, snapshot
+// comparison) are the parts worth testing without a kernel.
+#pragma once
+
+#include "fileobserver/NBFileSystemEvent.h"
+
+#include <QLoggingCategory>
+#include <QString>
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <vector>
+
+Q_DECLARE_LOGGING_CATEGORY(lcFileObserver)
+
+struct NBFileEventStreamState;
+
+class NBFileEventStream {
+public:
+    // Receives one coalesced batch on the delivery thread: the context given at creation (not retained),
+    // the stream's identifier (to recognise a stream that was replaced meanwhile) and the events in order.
+    using Callback = std::function<void(const void* context, std::uint64_t streamIdentifier,
+                                        const std::vector<NBFileSystemEvent>&)>;
+
+    // Starts observing at once; changes made before this returns are not reported. When the path cannot be
+    // watched, logs "ERROR: could not start FSEventStream for path %@" and polls instead.
+    NBFileEventStream(const QString& path, Callback callback, const void* context);
+    ~NBFileEventStream();
+    NBFileEventStream(const NBFileEventStream&) = delete;
+    NBFileEventStream& operator=(const NBFileEventStream&) = delete;
+
+    std::uint64_t identifier() const { return identifier_; }
+    // True when the stream compares snapshots instead of receiving kernel events.
+    bool isPolling() const;
+    // Stops delivery; pending changes are dropped. A second call does nothing. After it returns no new
+    // delivery starts for this stream (one already running on the delivery thread may finish).
+    void stop();
+    bool isStopped() const;
+    // Ends the current coalescing window now (and polls now, when polling). The synchronous form returns
+    // after the delivery thread has handed the pending events to the callback.
+    void flushSynchronously();
+    void flushAsynchronously();
+
+    // The tuning shared by all streams (see NBFileObserver.h for the public setters).
+    static void setLatency(double seconds);
+    static double latency();
+    static void setForcesPolling(bool forcesPolling);
+    static bool forcesPolling();
+    static void setPollingInterval(double seconds);
+    static double pollingInterval();
+    // The number of inotify watch descriptors the process holds for its streams.
+    static std::size_t watchDescriptorCount();
+
+private:
+    std::uint64_t identifier_ = 0;
+    std::shared_ptr<NBFileEventStreamState> state_;
+};
+
+// --- Pure helpers ---
+
+// Flags of an event reported by inotify with this mask.
+std::uint32_t nbFileSystemEventFlagsForInotifyMask(std::uint32_t mask);
+
+// True for the temporary files that synchronisation services write while a transfer is in progress
+// (Syncthing's ".syncthing.<name>.tmp" and "~syncthing~<name>", Dropbox's ".dropbox.cache" folder): changes
+// to them are not reported, so a sync in progress does not flood observers with events.
+bool nbIsSynchronisationTemporaryName(const QString& name);
+
+// One entry of a polling snapshot.
+struct NBFileSnapshotEntry {
+    qint64 size = 0;
+    qint64 modificationTime = 0; // nanoseconds since the Unix epoch
+    bool isDirectory = false;
+    friend bool operator==(const NBFileSnapshotEntry&, const NBFileSnapshotEntry&) = default;
+};
+// Entries by path relative to the observed path; "" is the observed path itself (absent when it does not
+// exist). Synchronisation temporaries are left out and symbolic links below the root are not followed.
+using NBFileSnapshot = std::map<QString, NBFileSnapshotEntry>;
+
+NBFileSnapshot nbFileSnapshotOfPath(const QString& rootPath);
+
+// The folder-level changes between two snapshots of one path: for every entry created, removed or changed,
+// the relative path of the folder holding it ("" for the root) with the flags of what happened there.
+// An appearing or disappearing root is reported on "" with kNBFileSystemEventFlagRootChanged.
+std::vector<std::pair<QString, std::uint32_t>> nbFileSnapshotDifferences(const NBFileSnapshot& before,
+                                                                         const NBFileSnapshot& after);

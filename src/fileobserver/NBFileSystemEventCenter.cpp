@@ -1,0 +1,85 @@
+// The registry of folder observers and their file observers.
+#include "fileobserver/NBFileSystemEventCenter.h"
+
+#include "fileobserver/NBFileObserverSerialQueue.h"
+
+NBFileSystemEventCenter& NBFileSystemEventCenter::defaultCenter() {
+    // Never destroyed: observers may remove themselves from static destructors at exit.
+    static NBFileSystemEventCenter* center = new NBFileSystemEventCenter();
+    return *center;
+}
+
+NBFileSystemEventCenter::NBFileSystemEventCenter()
+    : serialQueue_(std::make_unique<NBFileObserverSerialQueue>(
+          QStringLiteral("org.quillon.Quillon.NBFileSystemEventCenter"))) {}
+
+NBFileSystemEventCenter::~NBFileSystemEventCenter() {
+    // The queue's worker is detached and outlives the center, so it must be idle before the map goes away.
+    serialQueue_->dispatchSynchronously([this] { fileObserverSetsByObservers_.clear(); });
+    // The queue object itself is leaked on purpose: its detached worker keeps using it.
+    (void)serialQueue_.release();
+}
+
+void NBFileSystemEventCenter::addObserverWithResponse(const void* key, std::weak_ptr<void> observer,
+                                                      std::shared_ptr<NBEventResponse> response,
+                                                      const QString& path) {
+    std::shared_ptr<NBFileObserver> fileObserver =
+        NBFileObserver::fileObserverWithPath(path, std::move(response));
+    serialQueue_->dispatchAsynchronously([this, key, observer = std::move(observer), fileObserver] {
+        removeDestroyedObservers();
+        Registration& registration = fileObserverSetsByObservers_[key];
+        registration.observer = observer;
+        registration.fileObservers.push_back(fileObserver);
+    });
+}
+
+void NBFileSystemEventCenter::removeObserver(const void* observer) {
+    if (!observer)
+        return;
+    serialQueue_->dispatchSynchronously([this, observer] { fileObserverSetsByObservers_.erase(observer); });
+}
+
+void NBFileSystemEventCenter::removeObserver(const void* observer, const QString& path) {
+    if (!observer)
+        return;
+    serialQueue_->dispatchAsynchronously([this, observer, path] {
+        auto found = fileObserverSetsByObservers_.find(observer);
+        if (found == fileObserverSetsByObservers_.end())
+            return;
+        auto& fileObservers = found->second.fileObservers;
+        std::erase_if(fileObservers,
+                      [&](const auto& fileObserver) { return fileObserver->observedPath() == path; });
+        if (fileObservers.empty())
+            fileObserverSetsByObservers_.erase(found);
+    });
+}
+
+std::size_t NBFileSystemEventCenter::fileObserverCount() {
+    std::size_t count = 0;
+    serialQueue_->dispatchSynchronously([&] {
+        removeDestroyedObservers();
+        for (const auto& [key, registration] : fileObserverSetsByObservers_)
+            count += registration.fileObservers.size();
+    });
+    return count;
+}
+
+std::size_t NBFileSystemEventCenter::observerCount() {
+    std::size_t count = 0;
+    serialQueue_->dispatchSynchronously([&] {
+        removeDestroyedObservers();
+        count = fileObserverSetsByObservers_.size();
+    });
+    return count;
+}
+
+void NBFileSystemEventCenter::resetMapTable() {
+    serialQueue_->dispatchSynchronously([this] { Map().swap(fileObserverSetsByObservers_); });
+}
+
+void NBFileSystemEventCenter::removeDestroyedObservers() {
+    // Keys are held weakly: an observer that no longer exists has no entry. The address may meanwhile
+    // belong to a new object, whose own registration then replaces the stale one.
+    std::erase_if(fileObserverSetsByObservers_,
+                  [](const auto& entry) { return entry.second.observer.expired(); });
+}
