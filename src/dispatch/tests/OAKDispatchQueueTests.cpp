@@ -1,0 +1,442 @@
+// Tests of the dispatch queues: nesting and the queue stack, the deadlock guard, ordering, the shared pool,
+// the main queue, the named timers and OAKBlockOperation.
+#include "dispatch/OAKDispatchQueue.h"
+#include "dispatch/OAKQueue.h"
+#include "foundation/testing/NBMessageCapture.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QThread>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using Queue = std::shared_ptr<OAKDispatchQueue>;
+
+// Waits for a condition while running the application's event loop (main-queue blocks run from it).
+bool waitUntil(const std::function<bool()>& condition, double seconds = 20) {
+    const double deadline = OAKDispatchQueue::_now() + seconds;
+    while (!condition()) {
+        if (OAKDispatchQueue::_now() > deadline)
+            return false;
+        QCoreApplication::processEvents();
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
+void sleepSeconds(double seconds) {
+    std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
+}
+
+int threadCount() {
+    return int(QDir(QStringLiteral("/proc/self/task")).entryList(QDir::Dirs | QDir::NoDotAndDotDot).size());
+}
+
+const QString deadlockText =
+    QStringLiteral("Synchronous dispatch can not be executed on the queue with label "
+                   "'nested' because it is already part of the current dispatch queue "
+                   "hierarchy");
+
+TEST(OAKDispatchQueue, SynchronousDispatchIntoAQueueOfTheStackFollowsTheDeadlockBehaviour) {
+    struct Case {
+        OAKDeadlockBehavior behavior;
+        bool runs;
+        QtMsgType messageType; // QtDebugMsg: no message expected
+    };
+    const Case cases[] = {
+        {OAKDeadlockBehaviorExecute, true, QtDebugMsg},
+        {OAKDeadlockBehaviorSkip, false, QtDebugMsg},
+        {OAKDeadlockBehaviorLog, false, QtWarningMsg},
+        {OAKDeadlockBehaviorAssert, false, QtFatalMsg},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(int(c.behavior));
+        NBMessageCapture capture;
+        Queue queue = OAKDispatchQueue::dispatchQueueWithLabel(QStringLiteral("nested"), c.behavior);
+        Queue other = OAKDispatchQueue::dispatchQueueWithLabel(QStringLiteral("other"));
+        bool ran = false;
+        bool innerIsCurrent = false;
+        // Through another queue, so the inner dispatch comes from a different queue of the same stack.
+        queue->dispatchSynchronously([&] {
+            other->dispatchSynchronously([&] {
+                queue->dispatchSynchronously([&] {
+                    ran = true;
+                    innerIsCurrent = other->isCurrentQueue();
+                });
+            });
+        });
+        EXPECT_EQ(ran, c.runs);
+        // Behaviour 0 runs the block where it is, without entering the queue again.
+        EXPECT_EQ(innerIsCurrent, c.runs);
+        if (c.messageType == QtDebugMsg) {
+            EXPECT_TRUE(capture.messages().empty()) << capture.texts().join(u'\n').toStdString();
+        } else {
+            ASSERT_EQ(capture.messages().size(), 1u);
+            EXPECT_EQ(capture.messages()[0].type, c.messageType);
+            EXPECT_EQ(capture.messages()[0].text, deadlockText);
+        }
+    }
+
+    // Behaviour 4 does not check: onto the idle main queue from the main thread, the block enters the queue.
+    for (OAKDeadlockBehavior behavior : {OAKDeadlockBehaviorExecute, OAKDeadlockBehaviorBlock}) {
+        Queue main = OAKDispatchQueue::dispatchQueueWithGCDQueue(OAKQueue::mainQueue(), behavior);
+        ASSERT_TRUE(main->isInCurrentQueueStack());
+        bool ran = false;
+        bool isCurrent = false;
+        main->dispatchSynchronously([&] {
+            ran = true;
+            isCurrent = main->isCurrentQueue();
+        });
+        EXPECT_TRUE(ran);
+        EXPECT_EQ(isCurrent, behavior == OAKDeadlockBehaviorBlock);
+    }
+}
+
+TEST(OAKDispatchQueue, NestedSynchronousDispatchSeesTheWholeStackButOnlyTheInnermostQueueIsCurrent) {
+    Queue a = OAKDispatchQueue::dispatchQueueWithLabel(QStringLiteral("a"));
+    Queue b = OAKDispatchQueue::dispatchQueueWithLabel(QStringLiteral("b"));
+    Queue c = OAKDispatchQueue::dispatchQueueWithLabel(QStringLiteral("c"));
+    auto snapshot = [&] {
+        QString result;
+        for (const Queue& queue : {a, b, c})
+            result += queue->isCurrentQueue() ? u'C' : queue->isInCurrentQueueStack() ? u's' : u'-';
+        return result;
+    };
+    QStringList seen;
+    std::atomic<bool> finished = false;
+    // Started asynchronously so that the outermost queue runs on a worker, not on the test's thread.
+    a->dispatchAsynchronously([&] {
+        seen << snapshot();
+        b->dispatchSynchronously([&] {
+            seen << snapshot();
+            c->dispatchSynchronously([&] {
+                seen << snapshot();
+                // Back into the outermost queue: behaviour 0 runs it here instead of deadlocking.
+                a->dispatchSynchronously([&] { seen << snapshot(); });
+            });
+            seen << snapshot();
+        });
+        seen << snapshot();
+        finished = true;
+    });
+    ASSERT_TRUE(waitUntil([&] { return finished.load(); }));
+    EXPECT_EQ(seen, (QStringList{"C--", "sC-", "ssC", "ssC", "sC-", "C--"}));
+    EXPECT_EQ(snapshot(), QStringLiteral("---"));
+    EXPECT_TRUE(a->description().startsWith(QStringLiteral("<OAKDispatchQueue:0x")));
+    EXPECT_TRUE(a->description().endsWith(QStringLiteral(">[a]")));
+    EXPECT_EQ(OAKDispatchQueue::labelByPrependingBundleIdentifierToString(QStringLiteral("db")),
+              QStringLiteral("org.quillon.Quillon.db"));
+}
+
+TEST(OAKDispatchQueue, ConcurrentQueuesNeverEnterTheStackAndBarriersWaitForRunningBlocks) {
+    Queue serial = OAKDispatchQueue::dispatchQueueWithLabel(QStringLiteral("serial"));
+    Queue concurrent = OAKDispatchQueue::sharedConcurrentQueue();
+    EXPECT_TRUE(concurrent->isConcurrent());
+    EXPECT_EQ(concurrent->label(), QStringLiteral("OAKSharedConcurrentQueue"));
+    EXPECT_EQ(concurrent->deadlockBehavior(), OAKDeadlockBehaviorBlock);
+
+    NBMessageCapture capture;
+    std::atomic<int> asyncSawStack = -1;
+    bool syncSawSerial = false;
+    bool syncSawConcurrent = true;
+    serial->dispatchSynchronously([&] {
+        concurrent->dispatchAsynchronously([&] { asyncSawStack = serial->isInCurrentQueueStack() ? 1 : 0; });
+        // The synchronous block sees the caller's stack; the concurrent queue does not join it, so the check
+        // of the stack's last queue after the block reports the caller's stack.
+        concurrent->dispatchSynchronously([&] {
+            syncSawSerial = serial->isInCurrentQueueStack();
+            syncSawConcurrent = concurrent->isInCurrentQueueStack();
+        });
+        EXPECT_TRUE(serial->isCurrentQueue());
+    });
+    ASSERT_TRUE(waitUntil([&] { return asyncSawStack.load() >= 0; }));
+    EXPECT_EQ(asyncSawStack.load(), 0);
+    EXPECT_TRUE(syncSawSerial);
+    EXPECT_FALSE(syncSawConcurrent);
+    ASSERT_EQ(capture.assertions().size(), 1);
+    EXPECT_TRUE(capture.assertions()[0].startsWith(QStringLiteral(
+        "The queue stack set after execution of a block should have the parent queue as the last object: "
+        "(<OAKDispatchQueue:0x")));
+    EXPECT_TRUE(capture.assertions()[0].endsWith(QStringLiteral(">[serial])")));
+
+    // Two blocks run side by side; the barrier waits for both and holds back the block after it.
+    Queue queue = OAKDispatchQueue::dispatchQueueWithGCDQueue(OAKQueue::createConcurrentQueue("c"),
+                                                              OAKDeadlockBehaviorBlock);
+    std::mutex mutex;
+    std::vector<QString> events;
+    auto record = [&](const QString& event) {
+        std::lock_guard lock(mutex);
+        events.push_back(event);
+    };
+    std::atomic<int> started = 0;
+    for (int index = 0; index < 2; ++index) {
+        queue->dispatchAsynchronously([&, index] {
+            ++started;
+            // Both must be running at once for this to finish.
+            while (started.load() < 2)
+                std::this_thread::yield();
+            record(QStringLiteral("block%1").arg(index));
+        });
+    }
+    queue->dispatchBarrierAsynchronously([&] { record(QStringLiteral("barrier")); });
+    queue->dispatchAsynchronously([&] { record(QStringLiteral("after")); });
+    queue->dispatchBarrierSynchronously([&] { record(QStringLiteral("sync barrier")); });
+    ASSERT_EQ(events.size(), 5u);
+    EXPECT_EQ(events[2], QStringLiteral("barrier"));
+    EXPECT_EQ(events[3], QStringLiteral("after"));
+    EXPECT_EQ(events[4], QStringLiteral("sync barrier"));
+}
+
+TEST(OAKDispatchQueue, SerialQueueRunsBlocksFromSeveralThreadsOneAtATimeInSubmissionOrder) {
+    Queue queue = OAKDispatchQueue::dispatchQueueWithLabel(QStringLiteral("fifo"));
+    constexpr int producers = 4;
+    constexpr int blocksPerProducer = 3000;
+    std::vector<int> lastSeen(producers, -1);
+    std::atomic<int> inside = 0;
+    std::atomic<int> outOfOrder = 0;
+    std::atomic<int> overlapping = 0;
+    std::atomic<int> completed = 0;
+    std::vector<std::thread> threads;
+    for (int producer = 0; producer < producers; ++producer) {
+        threads.emplace_back([&, producer] {
+            for (int sequence = 0; sequence < blocksPerProducer; ++sequence) {
+                auto block = [&, producer, sequence] {
+                    if (inside.fetch_add(1) != 0)
+                        ++overlapping;
+                    if (lastSeen[producer] != sequence - 1)
+                        ++outOfOrder;
+                    lastSeen[producer] = sequence;
+                    inside.fetch_sub(1);
+                    ++completed;
+                };
+                // Mix in synchronous dispatches: they must queue up behind the asynchronous ones.
+                if (sequence % 100 == 99)
+                    queue->dispatchSynchronously(block);
+                else
+                    queue->dispatchAsynchronously(block);
+            }
+        });
+    }
+    for (auto& thread : threads)
+        thread.join();
+    ASSERT_TRUE(waitUntil([&] { return completed.load() == producers * blocksPerProducer; }));
+    EXPECT_EQ(outOfOrder.load(), 0);
+    EXPECT_EQ(overlapping.load(), 0);
+}
+
+TEST(OAKDispatchQueue, AThousandQueuesCostNoThreads) {
+    // Warm the pool up first, so that only what the queues themselves cost is measured.
+    Queue warm = OAKDispatchQueue::dispatchQueueWithLabel(QStringLiteral("warm"));
+    std::atomic<int> done = 0;
+    for (int index = 0; index < 8; ++index)
+        warm->dispatchAsynchronously([&] { ++done; });
+    ASSERT_TRUE(waitUntil([&] { return done.load() == 8; }));
+    const int before = threadCount();
+
+    std::vector<Queue> queues;
+    for (int index = 0; index < 1000; ++index)
+        queues.push_back(OAKDispatchQueue::dispatchQueueWithLabel(QStringLiteral("queue%1").arg(index)));
+    EXPECT_EQ(threadCount(), before);
+    done = 0;
+    for (const Queue& queue : queues)
+        queue->dispatchAsynchronously([&] { ++done; });
+    ASSERT_TRUE(waitUntil([&] { return done.load() == 1000; }));
+    // The pool may grow to the machine's parallelism, far below one thread per queue.
+    EXPECT_LT(threadCount() - before, 70);
+}
+
+TEST(OAKDispatchQueue, MainQueueRunsItsBlocksOnTheMainThread) {
+    Queue main = OAKDispatchQueue::mainDispatchQueue();
+    Queue worker = OAKDispatchQueue::dispatchQueueWithLabel(QStringLiteral("worker"));
+    EXPECT_EQ(main->deadlockBehavior(), OAKDeadlockBehaviorExecute);
+    EXPECT_TRUE(main->isInCurrentQueueStack());
+    QThread* const mainThread = QThread::currentThread();
+
+    std::atomic<bool> workerSeesMain = true;
+    std::atomic<bool> asyncOnMain = false;
+    std::atomic<bool> syncOnMain = false;
+    std::atomic<bool> finished = false;
+    worker->dispatchAsynchronously([&] {
+        workerSeesMain = main->isInCurrentQueueStack();
+        main->dispatchAsynchronously([&] { asyncOnMain = QThread::currentThread() == mainThread; });
+        main->dispatchSynchronously([&] { syncOnMain = main->isCurrentQueue() && OAKQueue::isMainThread(); });
+        finished = true;
+    });
+    ASSERT_TRUE(waitUntil([&] { return finished.load(); }));
+    EXPECT_FALSE(workerSeesMain.load());
+    EXPECT_TRUE(asyncOnMain.load());
+    EXPECT_TRUE(syncOnMain.load());
+
+    // From the main thread itself, a synchronous dispatch runs inline at once.
+    bool ran = false;
+    main->dispatchSynchronously([&] { ran = true; });
+    EXPECT_TRUE(ran);
+}
+
+// Timer scenarios, in seconds from the first request. Each request names the block it installs; the
+// expected firings name the block that runs and when, as an offset from one of the requests.
+struct TimerRequest {
+    double at;
+    double interval;
+    const char* tag;
+};
+struct ExpectedFiring {
+    const char* tag;
+    int anchorRequest;
+    double offset;
+};
+struct TimerScenario {
+    const char* name;
+    OAKTimerBehavior behavior;
+    std::vector<TimerRequest> requests;
+    std::vector<ExpectedFiring> firings;
+    double blockQueueFor = 0; // the queue is busy this long before the requests reach it
+};
+
+void runTimerScenarios(const std::vector<TimerScenario>& scenarios, double lastFiring) {
+    struct Firing {
+        QString tag;
+        double at;
+    };
+    struct Run {
+        Queue queue;
+        std::vector<double> requestTimes;
+        std::mutex mutex;
+        std::vector<Firing> firings;
+    };
+    std::vector<std::unique_ptr<Run>> runs;
+    struct Step {
+        double at;
+        size_t scenario;
+        size_t request;
+    };
+    std::vector<Step> steps;
+    for (size_t index = 0; index < scenarios.size(); ++index) {
+        auto run = std::make_unique<Run>();
+        run->queue = OAKDispatchQueue::dispatchQueueWithLabel(QString::fromUtf8(scenarios[index].name));
+        run->requestTimes.resize(scenarios[index].requests.size());
+        runs.push_back(std::move(run));
+        for (size_t request = 0; request < scenarios[index].requests.size(); ++request)
+            steps.push_back(Step{scenarios[index].requests[request].at, index, request});
+    }
+    std::stable_sort(steps.begin(), steps.end(), [](const Step& x, const Step& y) { return x.at < y.at; });
+
+    const double start = OAKDispatchQueue::_now();
+    for (size_t index = 0; index < scenarios.size(); ++index) {
+        if (scenarios[index].blockQueueFor > 0)
+            runs[index]->queue->dispatchAsynchronously(
+                [seconds = scenarios[index].blockQueueFor] { sleepSeconds(seconds); });
+    }
+    for (const Step& step : steps) {
+        const double wait = start + step.at - OAKDispatchQueue::_now();
+        if (wait > 0)
+            sleepSeconds(wait);
+        Run& run = *runs[step.scenario];
+        const TimerRequest& request = scenarios[step.scenario].requests[step.request];
+        run.requestTimes[step.request] = OAKDispatchQueue::_now();
+        run.queue->scheduleTimerWithName(QStringLiteral("timer"), request.interval,
+                                         scenarios[step.scenario].behavior,
+                                         [&run, tag = QString::fromUtf8(request.tag)] {
+                                             std::lock_guard lock(run.mutex);
+                                             run.firings.push_back(Firing{tag, OAKDispatchQueue::_now()});
+                                         });
+    }
+    // Wait past the last expected firing, so that an extra firing would be seen too.
+    sleepSeconds(std::max(0.0, start + lastFiring + 1.0 - OAKDispatchQueue::_now()));
+    for (size_t index = 0; index < scenarios.size(); ++index) {
+        const TimerScenario& scenario = scenarios[index];
+        Run& run = *runs[index];
+        SCOPED_TRACE(scenario.name);
+        EXPECT_TRUE(waitUntil([&] { return run.queue->timerCount() == 0; }));
+        std::lock_guard lock(run.mutex);
+        ASSERT_EQ(run.firings.size(), scenario.firings.size());
+        for (size_t firing = 0; firing < scenario.firings.size(); ++firing) {
+            const ExpectedFiring& expected = scenario.firings[firing];
+            const double due = run.requestTimes[size_t(expected.anchorRequest)] + expected.offset;
+            EXPECT_EQ(run.firings[firing].tag, QString::fromUtf8(expected.tag)) << firing;
+            // Never early; late by at most a generous margin, still short of the wrong behaviours' times.
+            EXPECT_GE(run.firings[firing].at, due - 0.02) << firing;
+            EXPECT_LE(run.firings[firing].at, due + 0.9) << firing;
+        }
+    }
+}
+
+TEST(OAKDispatchQueue, TimersCoalesceDelayAndThrottleRequests) {
+    runTimerScenarios(
+        {
+            // The earliest due time wins; the block of the latest request is the one that runs.
+            {"coalesce", OAKTimerBehaviorCoalesce, {{0, 5, "a"}, {1, 5, "b"}}, {{"b", 0, 5}}},
+            {"coalesce sooner", OAKTimerBehaviorCoalesce, {{0, 5, "a"}, {1, 1, "b"}}, {{"b", 1, 1}}},
+            {"delay", OAKTimerBehaviorDelay, {{0, 5, "a"}, {4, 5, "b"}}, {{"b", 1, 5}}},
+            // The first request fires at once; the next within the interval fires at the first + interval,
+            // later requests while it is pending change nothing, and after that firing the interval is
+            // measured from it again.
+            {"throttle",
+             OAKTimerBehaviorThrottle,
+             {{0, 3, "a"}, {0.5, 3, "b"}, {1, 3, "c"}, {4, 3, "d"}},
+             {{"a", 0, 0}, {"c", 0, 3}, {"d", 0, 6}}},
+        },
+        9);
+}
+
+TEST(OAKDispatchQueue, ARequestThatWaitedOnItsQueueLosesTheWaitFromItsInterval) {
+    runTimerScenarios(
+        {
+            // The queue is busy for 2 s: a 1.5 s request has waited longer than its interval and fires at
+            // once.
+            {"waited longer", OAKTimerBehaviorDelay, {{0, 1.5, "a"}}, {{"a", 0, 2}}, 2},
+            {"waited longer, coalesced", OAKTimerBehaviorCoalesce, {{0, 1.5, "a"}}, {{"a", 0, 2}}, 2},
+            // A 3 s request that waited 2 s fires 1 s after reaching the queue.
+            {"waited shorter", OAKTimerBehaviorDelay, {{0, 3, "a"}}, {{"a", 0, 3}}, 2},
+        },
+        3);
+}
+
+TEST(OAKDispatchQueue, TimerCountDropsToZeroAfterFiringAndCancelling) {
+    Queue queue = OAKDispatchQueue::dispatchQueueWithLabel(QStringLiteral("timers"));
+    std::atomic<int> fired = 0;
+    queue->scheduleTimerWithName("soon", 0.05, OAKTimerBehaviorDelay, [&] { ++fired; });
+    queue->scheduleTimerWithName("late1", 60, OAKTimerBehaviorDelay, [&] { ++fired; });
+    queue->scheduleTimerWithName("late2", 60, OAKTimerBehaviorCoalesce, [&] { ++fired; });
+    queue->scheduleTimerWithName("late3", 60, OAKTimerBehaviorThrottle, [&] { ++fired; });
+    queue->dispatchSynchronously([] {});
+    EXPECT_GE(queue->timerCount(), 3u);
+    ASSERT_TRUE(waitUntil([&] { return fired.load() == 1 && queue->timerCount() == 3; }));
+
+    queue->cancelTimerWithName("late1");
+    queue->dispatchSynchronously([] {});
+    EXPECT_EQ(queue->timerCount(), 2u);
+    queue->cancelAllTimers();
+    queue->dispatchSynchronously([] {});
+    EXPECT_EQ(queue->timerCount(), 0u);
+    // A cancelled timer can be scheduled again.
+    queue->scheduleTimerWithName("late1", 0.01, OAKTimerBehaviorCoalesce, [&] { ++fired; });
+    ASSERT_TRUE(waitUntil([&] { return fired.load() == 2 && queue->timerCount() == 0; }));
+}
+
+TEST(OAKBlockOperation, RunsItsBlockOnTheQueueAndWaitsForIt) {
+    Queue queue = OAKDispatchQueue::dispatchQueueWithLabel(QStringLiteral("target"));
+    std::atomic<bool> onQueue = false;
+    bool finished = false;
+    auto operation = OAKBlockOperation::dispatchedOperationWithQueue(queue, [&] {
+        sleepSeconds(0.05);
+        onQueue = queue->isCurrentQueue();
+        finished = true;
+    });
+    operation->waitUntilFinished();
+    EXPECT_TRUE(finished);
+    EXPECT_TRUE(onQueue.load());
+    EXPECT_TRUE(operation->isDone());
+}
+
+} // namespace
