@@ -1,0 +1,280 @@
+// OAKStore: the syncable key-value store on which every document rests.
+//
+// A store keeps property-list values (see foundation/NBPropertyList.h) by string key. On disk it is a
+// package folder in which every device that ever wrote to it has its own append-only log database (the
+// format is documented in store/OAKStoreLog.h); a device writes only its own log and reads the others, and
+// the current value of a key is the value of the newest log row for that key across all logs. All reads are
+// served from an in-memory view; writes update the view at once and reach the device's log on the store's
+// database queue, where timers save them soon after (1 s after the last edit, at most 15 s after the first).
+//
+// Queues. Every store has three serial queues (store/../dispatch/OAKDispatchQueue.h):
+// - the memory queue owns the in-memory view (`memory_`, `memoryKeyTimestamps_`, the transaction state);
+//   readers dispatch onto it synchronously, and transactions run on it;
+// - the database queue owns the open logs and the sync bookkeeping (`databaseTimestamps_`, `keyTimestamps_`)
+//   and runs inserts, saves, syncs, closing and merges; writers never wait for it;
+// - the notification queue posts the store's notifications on NBNotificationCenter::defaultCenter(), in
+//   the order in which they were made.
+// The database queue may wait for the memory queue (to apply what a sync read), never the other way round:
+// the synchronous entry points that reach the database (loadNow, saveNow, changesSinceTimestamp, ...) refuse
+// to run on the memory queue, that is inside a transaction, and log "To avoid deadlocks, ...".
+//
+// Ownership. Stores are owned through std::shared_ptr (create them with storeWithURL() or inMemoryStore(),
+// or with std::make_shared for a subclass). Tear a store down (tearDownNow) before releasing it; a store that
+// is destroyed with work pending saves what it holds, logs the unexpected timer count, and drains its
+// queues. A store must not be destroyed from one of its own queues.
+//
+// Subclassing. NBDocument derives from OAKStore and overrides the hooks below: relevantKeysForSync() (which
+// keys the in-memory view holds after a sync) and applySyncChangeWithValues() (how values read from the logs
+// reach the view). className() names the subclass in messages.
+#pragma once
+
+#include "dispatch/OAKDispatchQueue.h"
+#include "foundation/NBError.h"
+#include "foundation/NBTimestamp.h"
+#include "store/OAKStoreLog.h"
+
+#include <QHash>
+#include <QMetaType>
+#include <QSet>
+#include <QString>
+#include <QUrl>
+#include <QVariant>
+#include <QVariantMap>
+
+#include <atomic>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <vector>
+
+inline constexpr const char* OAKStoreDidLoadNotification = "OAKStoreDidLoadNotification";
+inline constexpr const char* OAKStoreDidChangeNotification = "OAKStoreDidChangeNotification";
+inline constexpr const char* OAKStoreDidSyncNotification = "OAKStoreDidSyncNotification";
+inline constexpr const char* OAKStoreDidDeleteNotification = "OAKStoreDidDeleteNotification";
+inline constexpr const char* OAKStoreDidTearDownNotification = "OAKStoreDidTearDownNotification";
+
+// Keys of a change notification's user information: "values" (key -> new value) and "timestamps"
+// (key -> timestamp as qint64).
+inline constexpr const char* OAKStoreValuesKey = "values";
+inline constexpr const char* OAKStoreTimestampsKey = "timestamps";
+
+// One log entry as seen from outside. Equality compares the four entry fields; `deviceIdentifier` tells
+// which device's log holds it.
+class OAKChange {
+public:
+    static OAKChange changeWithTimestamp(NBTimestamp timestamp, std::optional<NBTimestamp> parentTimestamp,
+                                         const QString& key, const QVariant& propertyList);
+    NBTimestamp timestamp = 0;
+    std::optional<NBTimestamp> parentTimestamp;
+    QString key;
+    QVariant propertyList;
+    QString deviceIdentifier;
+
+    bool operator==(const OAKChange& other) const;
+    // "<OAKChange:0x...> = timestamp: %@, parentTimestamp: %@, key: %@, plist: %@"
+    QString description() const;
+};
+
+// The store's timers, in seconds. The defaults are the store's own; tests may shorten them.
+struct OAKStoreTimings {
+    double saveDelay = 1.0;     // "save_delay": after the last edit
+    double saveCoalesce = 15.0; // "save_coalesce": at most after the first edit
+    double closeDelay = 60.0;   // "close_database": after the last activity
+    double syncDelay = 1.0;     // "sync_delay": after the last foreign change
+    double syncCoalesce = 15.0; // "sync_coalesce": at most after the first foreign change
+};
+
+struct OAKStoreOptions {
+    // Opens every log read-only and creates nothing inside the package: no device folder, no file. Writes
+    // of values and blobs are refused with an error. For inspection, search and export.
+    bool readOnly = false;
+    OAKStoreTimings timings;
+};
+
+class OAKStore : public std::enable_shared_from_this<OAKStore> {
+public:
+    // A store for the package at `url` (a file URL), writing as device `deviceIdentifier` (may be empty for
+    // a read-only store, for which every device is foreign).
+    static std::shared_ptr<OAKStore> storeWithURL(const QUrl& url, const QString& deviceIdentifier,
+                                                  const OAKStoreOptions& options = {});
+    // A store with no files: values live in memory only, blobs in memory too.
+    static std::shared_ptr<OAKStore> inMemoryStore();
+
+    OAKStore(const QUrl& url, const QString& deviceIdentifier, const OAKStoreOptions& options = {});
+    // The in-memory store.
+    OAKStore();
+    virtual ~OAKStore();
+    OAKStore(const OAKStore&) = delete;
+    OAKStore& operator=(const OAKStore&) = delete;
+
+    // Identity and layout.
+    virtual QString className() const { return QStringLiteral("OAKStore"); }
+    const QUrl& storeURL() const { return storeURL_; }
+    QString storePath() const;
+    const QString& deviceIdentifier() const { return deviceIdentifier_; }
+    bool isInMemory() const { return inMemory_; }
+    bool isReadOnly() const { return options_.readOnly; }
+    QString directoryPathForDeviceIdentifier(const QString& deviceIdentifier) const;
+    QString databasePathForDeviceIdentifier(const QString& deviceIdentifier) const;
+    static QString deviceIdentifierForDatabasePath(const QString& databasePath);
+    // A device identifier names a folder: not empty, no "/", no leading "." (hidden entries are a
+    // file-synchronisation service's temporaries).
+    static bool isValidDeviceIdentifier(const QString& deviceIdentifier);
+    QString readwriteDirectoryPath() const;
+    // Device folders present in the package, other than the local one (read from disk).
+    QStringList foreignDeviceIdentifiers() const;
+    QStringList readonlyDirectoryPaths() const;
+    QString blobDirectoryPath() const;
+    QString absolutePathForBlobPath(const QString& path) const;
+    // Creates the package folder, "devices" and the local device's folder (not in read-only mode).
+    bool prepareFilePackageWithError(NBError* outError);
+
+    const std::shared_ptr<OAKDispatchQueue>& databaseQueue() const { return databaseQueue_; }
+    const std::shared_ptr<OAKDispatchQueue>& memoryQueue() const { return memoryQueue_; }
+    const std::shared_ptr<OAKDispatchQueue>& notificationQueue() const { return notificationQueue_; }
+
+    // Loading and tear-down.
+    void load();
+    void loadNow();
+    bool loaded() const { return loaded_.load(); }
+    bool deleted() const { return deleted_.load(); }
+    void tearDown();
+    void tearDownNow();
+    // Drains the memory queue, then saves and syncs on the database queue, then drains the notification
+    // queue: afterwards every edit made before the call is saved and announced.
+    void waitUntilFinished();
+
+    // Saving and closing.
+    void saveSoon();
+    bool saveNow(NBError* outError = nullptr);
+    void closeDatabase();
+    void closeDatabaseSoon();
+    void closeDatabaseNow();
+
+    // Values.
+    QVariant propertyListValueForKey(const QString& key) const;
+    // The value if it is of `type` (integers of any width count as one type); on mismatch logs, fills
+    // *outError (code 778) and returns a null value.
+    QVariant propertyListValueForKey(const QString& key, QMetaType type, NBError* outError) const;
+    void setPropertyListValue(const QVariant& value, const QString& key);
+    // Several keys under one timestamp, one notification.
+    void setEntriesFromDictionary(const QVariantMap& dictionary);
+    // Runs `block` on the memory queue; nested transactions flatten; the changes made inside are announced
+    // with one OAKStoreDidChangeNotification at the end of the outermost one.
+    void runTransaction(const std::function<void()>& block);
+    QVariantMap allRelevantValues() const;
+
+    // Timestamps and changes.
+    std::map<QString, NBTimestamp> mostRecentTimestampsByDeviceIdentifier();
+    NBTimestamp mostRecentTimestampForDeviceIdentifier(const QString& deviceIdentifier);
+    QHash<QString, NBTimestamp> mostRecentTimestampsByKey() const;
+    NBTimestamp mostRecentTimestampForKey(const QString& key) const;
+    // Every log entry of every device newer than `timestamp`, in ascending timestamp order.
+    std::vector<OAKChange> changesSinceTimestamp(NBTimestamp timestamp);
+
+    // Blobs: files below "blobs" in the package (in memory for an in-memory store). Paths are relative and
+    // may not leave the blob folder.
+    bool writeBlobData(const QByteArray& data, const QString& path, NBError* outError = nullptr);
+    bool writeBlobFromPath(const QString& sourcePath, const QString& path, NBError* outError = nullptr);
+    bool deleteBlobAtPath(const QString& path, NBError* outError = nullptr);
+    std::optional<QByteArray> blobDataAtPath(const QString& path, NBError* outError = nullptr) const;
+
+    void postNotificationWithName(const QString& name, const QVariantMap& userInfo = {});
+
+    // How many saves committed rows to the local log since the store was created (for diagnostics and
+    // tests of the save timers).
+    unsigned long long saveCommitCount() const { return saveCommitCount_.load(); }
+
+protected:
+    // Subclass hooks.
+
+    // The keys whose values the sync step keeps in memory. The base store keeps none of its own; a subclass
+    // that wants every key found in the logs returns std::nullopt. Called on the database queue.
+    virtual std::optional<QSet<QString>> relevantKeysForSync() const { return QSet<QString>(); }
+    // Stores values read from the logs (only keys whose values changed) with their timestamps in the
+    // in-memory view. Called on the memory queue.
+    virtual void applySyncChangeWithValues(const QVariantMap& values,
+                                           const QHash<QString, NBTimestamp>& timestamps);
+
+    // Posts (or, inside a transaction, gathers) a change notification. Memory queue.
+    void postDidChangeNotificationWithUserInfo(const QVariantMap& userInfo);
+    // Queue-discipline checks: raise an assertion failure naming the method and return false when the
+    // caller is not on the queue.
+    bool checkDatabaseQueue(const char* method) const;
+    bool checkMemoryQueue(const char* method) const;
+    // Logs the deadlock refusal and returns true when the caller is on the memory queue.
+    bool refuseOnMemoryQueue(const char* method) const;
+
+    // Database-queue steps.
+    void _load();
+    bool _save(NBError* outError);
+    void _sync();
+    void _closeDatabase();
+    void _tearDownDatabase();
+    bool openDatabaseContext(NBError* outError);
+    // Opens foreign logs that appeared and drops those that went away or were replaced.
+    void refreshOpenLogs();
+    // The sync step: reads what the logs hold beyond what was read before and applies newer values to the
+    // in-memory view (announcing them when `announce`). Returns true when some value changed.
+    bool syncStep(bool announce);
+    // The open logs, the local one first.
+    std::vector<std::pair<QString, OAKStoreLog*>> openLogs() const;
+    // Device folders present in the package, the local one included.
+    QStringList allDeviceIdentifiersOnDisk() const;
+
+    // Memory-queue steps.
+    void _tearDown();
+    void resetMemory();
+
+private:
+    struct PendingRow {
+        NBTimestamp timestamp;
+        std::optional<NBTimestamp> parentTimestamp;
+        QString key;
+        QByteArray blob;
+    };
+    void enqueueRows(std::vector<PendingRow> rows);
+    void writePendingRows();
+    void setValues(const QVariantMap& values);
+    bool checkBlobPath(const QString& path, const char* method, const char* parameter, const char* verb,
+                       NBError* outError) const;
+    void reportOpenFailureOnce(const QString& path, const NBError& error);
+    QString queueLabel(const char* prefix) const;
+
+protected:
+    QUrl storeURL_;
+    QString deviceIdentifier_;
+    OAKStoreOptions options_;
+    bool inMemory_ = false;
+
+    std::shared_ptr<OAKDispatchQueue> databaseQueue_;
+    std::shared_ptr<OAKDispatchQueue> memoryQueue_;
+    std::shared_ptr<OAKDispatchQueue> notificationQueue_;
+
+    std::atomic<bool> loaded_{false};
+    std::atomic<bool> deleted_{false};
+
+    // Memory queue.
+    QVariantMap memory_;
+    QHash<QString, NBTimestamp> memoryKeyTimestamps_;
+    bool inTransaction_ = false;
+    QVariantMap didChangeNotificationUserInfoInTransaction_;
+    mutable std::mutex memoryFileDataMutex_;
+    QHash<QString, QByteArray> memoryFileData_;
+
+    // Database queue.
+    bool databaseContextOpen_ = false;
+    std::unique_ptr<OAKStoreLog> readwriteDatabase_;
+    std::map<QString, std::unique_ptr<OAKStoreLog>> readonlyDatabases_;
+    std::map<QString, NBTimestamp> databaseTimestamps_;
+    QHash<QString, NBTimestamp> keyTimestamps_;
+    QHash<QString, QString> reportedOpenFailures_; // path -> message already logged
+    std::size_t unwrittenRowCount_ = 0;            // rows that found no writable log since the last save
+    std::atomic<unsigned long long> saveCommitCount_{0};
+
+private:
+    std::mutex pendingRowsMutex_;
+    std::vector<PendingRow> pendingRows_;
+};
