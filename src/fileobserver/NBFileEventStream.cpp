@@ -699,13 +699,15 @@ std::vector<std::pair<QString, std::uint32_t>> nbFileSnapshotDifferences(const N
     while (old != before.end() || current != after.end()) {
         if (current == after.end() || (old != before.end() && old->first < current->first)) {
             if (old->first.isEmpty())
-                add(QString(), kNBFileSystemEventFlagRootChanged | kNBFileSystemEventFlagItemRemoved);
+                add(QString(), kNBFileSystemEventFlagRootChanged | kNBFileSystemEventFlagItemRemoved |
+                                   kindFlag(old->second));
             else
                 add(folderOf(old->first), kNBFileSystemEventFlagItemRemoved | kindFlag(old->second));
             ++old;
         } else if (old == before.end() || current->first < old->first) {
             if (current->first.isEmpty())
-                add(QString(), kNBFileSystemEventFlagRootChanged | kNBFileSystemEventFlagItemCreated);
+                add(QString(), kNBFileSystemEventFlagRootChanged | kNBFileSystemEventFlagItemCreated |
+                                   kindFlag(current->second));
             else
                 add(folderOf(current->first), kNBFileSystemEventFlagItemCreated | kindFlag(current->second));
             ++current;
