@@ -1,0 +1,107 @@
+// RapidCheck generators and printers shared by the styled-text tests: random text that includes the markup's
+// special characters and characters outside the Basic Multilingual Plane, and random runs of styles.
+#pragma once
+
+#include "document/NBStyledString.h"
+
+#include <gtest/gtest.h>
+#include <rapidcheck.h>
+
+#include <ostream>
+
+inline void PrintTo(const NBStyledString& string, std::ostream* out) {
+    *out << string.markupString().toStdString();
+}
+
+inline std::ostream& operator<<(std::ostream& out, const NBStyledString& string) {
+    return out << string.markupString().toStdString();
+}
+
+namespace styledtext {
+
+// Text drawn from pieces that matter to the formats: the escaped characters, Markdown and HTML specials,
+// spaces, accents, Greek, CJK and an emoji (a surrogate pair).
+inline rc::Gen<QString> genText() {
+    static const std::vector<QString> pieces = {
+        "a", "b",  "Z",  "0",  "7", " ",    "&",   "<",
+        ">", "\"", "'",  "*",  "_", "~",    "^",   "[",
+        "]", "(",  ")",  "\\", "#", "!",    "`",   "é",
+        "α", "µ",  "漢", "😀",  "𝛼", "amp;", "lt;", "http://x.org/a?b=c&d",
+        "-", ".",  ","};
+    return rc::gen::map(rc::gen::container<std::vector<int>>(rc::gen::inRange<int>(0, int(pieces.size()))),
+                        [](const std::vector<int>& indices) {
+                            QString text;
+                            for (int index : indices)
+                                text += pieces[std::size_t(index)];
+                            return text;
+                        });
+}
+
+// Which styles the random runs may carry: the markup keeps every style; rich text and HTML cannot show the
+// any-colour styles, and show superscript and subscript as one vertical position.
+enum class StyleRange { Markup, RichText, Markdown };
+
+inline rc::Gen<NBStyleSet> genStyleSet(StyleRange range) {
+    return rc::gen::exec([range] {
+        NBStyleSet styles;
+        const NBStyle onOff[] = {NBStyle::bold(),      NBStyle::italic(),    NBStyle::superscript(),
+                                 NBStyle::subscript(), NBStyle::underline(), NBStyle::strikethrough(),
+                                 NBStyle::smallCaps(), NBStyle::pop()};
+        const std::size_t onOffCount = range == StyleRange::Markdown ? 5 : std::size(onOff);
+        for (std::size_t index = 0; index < onOffCount; ++index) {
+            if (range == StyleRange::Markdown && onOff[index] == NBStyle::underline())
+                continue;
+            if (*rc::gen::inRange(0, 4))
+                continue;
+            if (range != StyleRange::Markup && onOff[index] == NBStyle::subscript() &&
+                styles.contains(NBStyle::superscript()))
+                continue;
+            styles.insert(onOff[index]);
+        }
+        if (range != StyleRange::Markdown) {
+            const int minimumColor = range == StyleRange::Markup ? 0 : 1;
+            if (*rc::gen::inRange(0, 3) == 0) {
+                const int kind = *rc::gen::inRange(minimumColor, 3);
+                const QColor color = kind == 0 ? QColor()
+                                     : kind == 1
+                                         ? QColor(0x12, 0xAB, 0xEF)
+                                         : QColor(*rc::gen::inRange(0, 256), *rc::gen::inRange(0, 256),
+                                                  *rc::gen::inRange(0, 256));
+                styles.insert(NBStyle::styleForTextColor(color));
+            }
+            if (*rc::gen::inRange(0, 3) == 0) {
+                const int kind = *rc::gen::inRange(minimumColor, 3);
+                const QColor color = kind == 0 ? QColor()
+                                     : kind == 1
+                                         ? QColor(0xFF, 0xFF, 0x00)
+                                         : QColor(*rc::gen::inRange(0, 256), *rc::gen::inRange(0, 256),
+                                                  *rc::gen::inRange(0, 256), *rc::gen::inRange(0, 256));
+                styles.insert(NBStyle::styleForBackgroundColor(color));
+            }
+        }
+        if (*rc::gen::inRange(0, 5) == 0) {
+            static const QString addresses[] = {"", "https://example.org/a b?x=1&y=<2>#top",
+                                                "mailto:lab@example.org", "x\"y)(z]"};
+            styles.insert(NBStyle::styleForHyperlinkURL(addresses[*rc::gen::inRange(0, 4)]));
+        }
+        return styles;
+    });
+}
+
+// Filters that keep random text within what a format can carry: `transform` is applied to each run's text.
+template <typename Transform>
+inline rc::Gen<NBStyledString> genStyledString(StyleRange range, Transform transform) {
+    return rc::gen::exec([range, transform] {
+        NBMutableStyledString result;
+        const int runCount = *rc::gen::inRange(0, 6);
+        for (int index = 0; index < runCount; ++index)
+            result.appendString(transform(*genText()), *genStyleSet(range));
+        return NBStyledString(result);
+    });
+}
+
+inline rc::Gen<NBStyledString> genStyledString(StyleRange range) {
+    return genStyledString(range, [](const QString& text) { return text; });
+}
+
+} // namespace styledtext
