@@ -71,11 +71,16 @@ void raise(const QString& message) {
 }
 
 // Runs a block the way a serial queue runs its asynchronous blocks: with a fresh stack holding only the
-// queue. The two messages differ between plain asynchronous blocks and timer handlers.
-void runWithFreshStack(const OAKDispatchQueue* queue, const OAKBlock& block, const QString& stackSetMessage,
-                       const QString& notEmptyMessage) {
+// queue. Plain asynchronous blocks and timer handlers differ in their messages (the timer's name first).
+// The messages are built only when an invariant is broken: this runs for every asynchronous block.
+void runWithFreshStack(const OAKDispatchQueue* queue, const OAKBlock& block, const char* stackSetFormat,
+                       const char* notEmptyFormat, const QString* timerName) {
+    auto message = [&](const char* format) {
+        return timerName ? nbFormat(format, *timerName, queue->description())
+                         : nbFormat(format, queue->description());
+    };
     if (visibleStack())
-        raise(stackSetMessage);
+        raise(message(stackSetFormat));
     QueueStack stack{queue};
     OAKQueue::setCurrentSlot(&stack);
     block();
@@ -84,7 +89,7 @@ void runWithFreshStack(const OAKDispatchQueue* queue, const OAKBlock& block, con
     if (!stack.empty())
         stack.pop_back();
     if (!stack.empty())
-        raise(notEmptyMessage);
+        raise(message(notEmptyFormat));
     OAKQueue::setCurrentSlot(nullptr);
 }
 
@@ -104,6 +109,9 @@ struct OAKDispatchQueue::Private {
     // Touched only on the queue.
     std::optional<std::map<QString, TimerRecord>> timers;
     std::atomic<unsigned> timerCountPrivate{0};
+    // Records holding a pending source, kept as records change so that recounting costs nothing even
+    // with many timer names (a full pass per change made scheduling quadratic in the number of names).
+    unsigned pendingRecords = 0;
 
     bool scheduleTimer(const QString& name, double referenceTime, double timeInterval,
                        OAKTimerBehavior behavior, const OAKBlock& block);
@@ -242,9 +250,7 @@ void OAKDispatchQueue::dispatchAsynchronously(OAKBlock block) {
         return;
     }
     d->queue->async([self = shared_from_this(), block = std::move(block)] {
-        const QString description = self->description();
-        runWithFreshStack(self.get(), block, nbFormat(asyncStackSetMessage, description),
-                          nbFormat(asyncNotEmptyMessage, description));
+        runWithFreshStack(self.get(), block, asyncStackSetMessage, asyncNotEmptyMessage, nullptr);
     });
 }
 
@@ -331,15 +337,15 @@ bool OAKDispatchQueue::Private::scheduleTimer(const QString& name, double refere
         if (isConcurrent) {
             block();
         } else {
-            const QString description = self->description();
-            runWithFreshStack(self.get(), block, nbFormat(timerStackSetMessage, name, description),
-                              nbFormat(timerNotEmptyMessage, name, description));
+            runWithFreshStack(self.get(), block, timerStackSetMessage, timerNotEmptyMessage, &name);
         }
         self->d->cancelTimer(name);
     });
     if (!pending)
         source->resume();
 
+    if (!pending)
+        ++pendingRecords;
     (*timers)[name] = TimerRecord{due, source};
     updateTimerCountPrivate();
     return true;
@@ -353,18 +359,12 @@ void OAKDispatchQueue::Private::cancelTimer(const QString& name) {
         return;
     found->second.timerValue->cancel();
     found->second.timerValue.reset();
+    --pendingRecords;
     updateTimerCountPrivate();
 }
 
 void OAKDispatchQueue::Private::updateTimerCountPrivate() {
-    unsigned count = 0;
-    if (timers) {
-        for (const auto& [name, record] : *timers) {
-            if (record.timerValue)
-                ++count;
-        }
-    }
-    timerCountPrivate.store(count);
+    timerCountPrivate.store(pendingRecords);
 }
 
 void OAKDispatchQueue::cancelTimerWithName(const QString& name) {

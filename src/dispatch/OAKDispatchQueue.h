@@ -77,8 +77,8 @@ private:
 
 class OAKBlockOperation {
 public:
-    static std::shared_ptr<OAKBlockOperation> dispatchedOperationWithQueue(
-        const std::shared_ptr<OAKDispatchQueue>& queue, OAKBlock block);
+    static std::shared_ptr<OAKBlockOperation>
+    dispatchedOperationWithQueue(const std::shared_ptr<OAKDispatchQueue>& queue, OAKBlock block);
     void waitUntilFinished();
     bool isDone() const;
 
