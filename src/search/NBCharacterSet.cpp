@@ -11,13 +11,6 @@ NBCharacterSet NBCharacterSet::characterSetWithCharactersInString(QStringView ch
     return set;
 }
 
-NBCharacterSet NBCharacterSet::characterSetWithRange(char16_t first, char16_t last) {
-    NBCharacterSet set;
-    for (std::uint32_t unit = first; unit <= last; ++unit)
-        set.addCharacter(static_cast<char16_t>(unit));
-    return set;
-}
-
 namespace {
 // Space, line and paragraph separators: the general categories Zs, Zl and Zp.
 NBCharacterSet separatorCategoryCharacterSet(bool includeLineAndParagraphSeparators) {
@@ -64,11 +57,6 @@ void NBCharacterSet::formUnionWithCharacterSet(const NBCharacterSet& other) {
 void NBCharacterSet::formIntersectionWithCharacterSet(const NBCharacterSet& other) {
     for (std::size_t index = 0; index < words_.size(); ++index)
         words_[index] &= other.words_[index];
-}
-
-void NBCharacterSet::subtractCharacterSet(const NBCharacterSet& other) {
-    for (std::size_t index = 0; index < words_.size(); ++index)
-        words_[index] &= ~other.words_[index];
 }
 
 unsigned NBCharacterSet::count() const {

@@ -19,8 +19,6 @@ public:
     NBCharacterSet() = default;
     // The set of the code units of `characters` (duplicates count once).
     static NBCharacterSet characterSetWithCharactersInString(QStringView characters);
-    // The set of the code units from `first` to `last`, both included.
-    static NBCharacterSet characterSetWithRange(char16_t first, char16_t last);
 
     // Unicode general category Zs (every space separator, U+0020 and U+00A0 included) and tab.
     static const NBCharacterSet& whitespaceCharacterSet();
@@ -35,8 +33,6 @@ public:
     void addCharactersInString(QStringView characters);
     void formUnionWithCharacterSet(const NBCharacterSet& other);
     void formIntersectionWithCharacterSet(const NBCharacterSet& other);
-    // Removes every member of `other` from this set.
-    void subtractCharacterSet(const NBCharacterSet& other);
 
     // How many of the code units 0 to 0xFFFF the set holds.
     unsigned count() const;

@@ -148,7 +148,11 @@ FoldingBlock* makeFoldingBlock(unsigned blockIndex) {
     auto* block = new FoldingBlock;
     for (unsigned low = 0; low < 256; ++low) {
         const auto codePoint = static_cast<UChar32>(blockIndex << 8 | low);
-        const icu::UnicodeString folded = foldCodePoint(codePoint);
+        icu::UnicodeString folded = foldCodePoint(codePoint);
+        // The entry has room for 255 units; no folding of one character comes near that (the longest are a
+        // handful of units), but a character that did would rather stay unfolded than be cut short.
+        if (folded.length() > 255)
+            folded.setTo(codePoint);
         const auto length = static_cast<std::uint32_t>(folded.length());
         if (length == 1) {
             block->entries[low] = 1u << 24 | folded.charAt(0);

@@ -250,19 +250,23 @@ RC_GTEST_PROP(NBSearchNormalization, TokenAndHighlightRangesLieInsideTheText, ()
     for (qsizetype index = 0; index < ranges.size(); ++index) {
         RC_ASSERT(liesInside(ranges[index], text));
         RC_ASSERT(ranges[index].length > 0);
-        RC_ASSERT(index == 0 || ranges[index - 1].end() <= ranges[index].location);
+        if (index > 0)
+            RC_ASSERT(ranges[index - 1].end() <= ranges[index].location);
     }
-    // Every word of the text is found again when it is the query, within its own token's range.
-    QStringList query = tokens;
-    query.append(*rc::gen::map(genSearchText(),
-                               [](const QString& other) { return normalizedStringForSearch(other); }));
-    const QList<NBTextRange> highlights = rangesForSearchTokens(text, query);
-    for (const NBTextRange& highlight : highlights)
-        RC_ASSERT(liesInside(highlight, text) && highlight.length > 0);
-    qsizetype nonEmptyTokens = 0;
-    for (const QString& token : tokens)
-        nonEmptyTokens += token.isEmpty() ? 0 : 1;
-    RC_ASSERT(highlights.size() >= nonEmptyTokens);
+    // Every word of the text, as the query, is found again within its own token's range.
+    for (qsizetype index = 0; index < std::min<qsizetype>(tokens.size(), 20); ++index) {
+        if (tokens[index].isEmpty())
+            continue;
+        const QList<NBTextRange> highlights = rangesForSearchTokens(text, {tokens[index]});
+        RC_ASSERT(std::any_of(highlights.begin(), highlights.end(), [&](const NBTextRange& highlight) {
+            return highlight.length > 0 && highlight.location >= ranges[index].location &&
+                   highlight.end() <= ranges[index].end();
+        }));
+    }
+    // Any query gives ranges inside the text.
+    const QString query = normalizedStringForSearch(*genSearchText());
+    for (const NBTextRange& highlight : rangesForSearchTokens(text, query.split(' ')))
+        RC_ASSERT(liesInside(highlight, text));
 }
 
 TEST(NBTextCleanUp, EditsInPlace) {
