@@ -343,7 +343,7 @@ private:
         topObject_ = readUnsigned(trailer + 16, 8);
         tableOffset_ = readUnsigned(trailer + 24, 8);
         if (offsetSize_ < 1 || offsetSize_ > 8 || referenceSize_ < 1 || referenceSize_ > 8)
-            return damaged(QStringLiteral("Its trailer gives offsets of %1 bytes and references of %2 bytes.")
+            return damaged(QStringLiteral("Its trailer gives %1-byte offsets and %2-byte references.")
                                .arg(offsetSize_)
                                .arg(referenceSize_));
         if (tableOffset_ <= quint64(kHeaderSize) || tableOffset_ >= trailer)
