@@ -203,7 +203,7 @@ TEST_F(NBFileObserverTest, BurstOfWritesArrivesAsAHandfulOfEventsAtTheRealLatenc
     auto recorder = std::make_shared<Recorder>(log);
     center.addObserver(recorder, &Recorder::fileSystemEventDidOccur, directory.path());
 
-    auto started = std::chrono::steady_clock::now();
+    QDateTime started = QDateTime::currentDateTimeUtc();
     for (int index = 0; index < 1000; ++index)
         writeFile(directory.filePath(QStringLiteral("file-%1.txt").arg(index)), QByteArray::number(index));
     // A synchronisation service at work in another folder: its temporaries must not be reported.
@@ -214,9 +214,9 @@ TEST_F(NBFileObserverTest, BurstOfWritesArrivesAsAHandfulOfEventsAtTheRealLatenc
     writeFile(transfer + "/.dropbox.cache/2026/cached.bin");
 
     ASSERT_TRUE(log->waitForPath(directory.path()));
-    auto firstDelivery = std::chrono::steady_clock::now();
-    // Coalescing holds the first change for the latency (a lower bound, safe on a loaded machine).
-    EXPECT_GE(std::chrono::duration<double>(firstDelivery - started).count(), 0.9 * kNBFileObserverLatency);
+    // Coalescing holds the first change for the latency (a lower bound, safe on a loaded machine). An event's
+    // date is the moment it was handed over.
+    EXPECT_GE(started.msecsTo(log->all().front().date()), qint64(900 * kNBFileObserverLatency));
     waitOutQuietPeriod();
 
     std::vector<NBFileSystemEvent> events = log->all();
@@ -329,6 +329,49 @@ TEST_F(NBFileObserverTest, ForcedPollingFallbackStillNoticesChanges) {
         })) << qPrintable(describe(log->all()));
     }
     expectIncreasingIdentifiers(log->all());
+}
+
+TEST_F(NBFileObserverTest, RemovedRootIsReportedAndItsReturnNoticed) {
+    NBMessageCapture capture;
+    NBFileObserver::setPollingInterval(0.2);
+    QString root = directory.filePath("library");
+    QDir().mkpath(root + "/Local");
+    auto recorder = std::make_shared<Recorder>(log);
+    center.addObserver(recorder, &Recorder::fileSystemEventDidOccur, root);
+
+    ASSERT_TRUE(QDir(root).removeRecursively());
+    auto rootChanged = [&](const NBFileSystemEvent& event) {
+        return event.path() == root && (event.flags() & kNBFileSystemEventFlagRootChanged);
+    };
+    ASSERT_TRUE(log->waitFor([&](const auto& events) {
+        return std::any_of(events.begin(), events.end(), rootChanged);
+    })) << qPrintable(describe(log->all()));
+    // Losing the root is reported, not logged as a failure to start.
+    EXPECT_FALSE(capture.contains("could not start")) << qPrintable(capture.texts().join('\n'));
+
+    // Another device's sync puts the folder back: the stream, now polling the path, notices.
+    std::size_t received = log->all().size();
+    QDir().mkpath(root);
+    writeFile(root + "/Info.plist");
+    EXPECT_TRUE(log->waitFor([&](const auto& events) {
+        return events.size() > received && events.back().path() == root &&
+               (events.back().flags() & kNBFileSystemEventFlagItemCreated);
+    })) << qPrintable(describe(log->all()));
+    expectIncreasingIdentifiers(log->all());
+}
+
+TEST(NBFileObserverHelpers, EventsStandardizeTheirPathAndDescribeThemselves) {
+    QDateTime date(QDate(2026, 11, 21), QTime(20, 30), Qt::UTC);
+    NBFileSystemEvent event = NBFileSystemEvent::fileEventWithPath(
+        "/library/Local/./device/../Info/", date, 42,
+        kNBFileSystemEventFlagItemCreated | kNBFileSystemEventFlagItemIsFile);
+    EXPECT_EQ(event.path(), "/library/Local/Info");
+    QString description = event.description();
+    EXPECT_TRUE(description.startsWith("<NBFileSystemEvent:0x")) << qPrintable(description);
+    EXPECT_TRUE(
+        description.contains("\npath: /library/Local/Info\ndate: 2026-11-21T20:30:00.000Z\nidentifier: 42\n"))
+        << qPrintable(description);
+    EXPECT_TRUE(description.endsWith("(ItemCreated|ItemIsFile)")) << qPrintable(description);
 }
 
 TEST(NBFileObserverHelpers, SynchronisationTemporariesAreRecognised) {
