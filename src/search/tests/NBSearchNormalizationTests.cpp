@@ -93,6 +93,13 @@ TEST(NBSearchNormalization, FixedDataHasItsDocumentedSize) {
     EXPECT_EQ(countOfCharacterSet(tokenSeparatorCharacterSet()), 62u + 25u);
     EXPECT_EQ(characterNormalizationDictionary().size(), 65);
     EXPECT_EQ(countOfCharacterSet(tokenCharacterSet()), 45u);
+    // The table's deliberate quirks.
+    const auto& dictionary = characterNormalizationDictionary();
+    EXPECT_EQ(dictionary.value("ł"), "i");
+    EXPECT_EQ(dictionary.value("Ø"), "o");
+    EXPECT_EQ(dictionary.value("Ö"), "oe");
+    EXPECT_EQ(dictionary.value("∂"), " delta ");
+    EXPECT_EQ(dictionary.value("ο"), " o ");
     for (const QChar member : QStringView(u"#©\uF8FF±"))
         EXPECT_TRUE(ignoredCharacterSet().contains(member)) << int(member.unicode());
     for (const QChar member : QStringView(u"ı@\u3000\u2029\v÷"))
