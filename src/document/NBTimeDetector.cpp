@@ -20,35 +20,58 @@ using PatternSpecification = std::pair<QString, std::array<int, 3>>;
 
 constexpr int kNone = NBTimeDetector::kNoGroup;
 
+// The characters that can follow the first run of digits of a pattern's match (after optional blanks),
+// one bit each. Every pattern begins with a group of digits (after at most one blank) that must be
+// followed by its unit or its separator, so a text in which no run of digits is followed by that
+// character cannot match the pattern, and the search for it is skipped.
+enum DigitFollower : unsigned {
+    kFollowerH = 1u << 0,
+    kFollowerM = 1u << 1,
+    kFollowerS = 1u << 2,
+    kFollowerColon = 1u << 3,
+    kFollowerPrime = 1u << 4,
+    kFollowerDoublePrime = 1u << 5,
+};
+
+struct DetectorPattern {
+    const char16_t* pattern;
+    std::array<int, 3> captureMap;
+    unsigned digitFollower;
+};
+
 // The patterns in the order in which they are tried, with the groups holding hours, minutes and seconds.
 // The order matters: a unit is taken from the first pattern that supplies it, so the precise forms (a
 // three-part clock, "1 h 30 min") come before the loose ones ("(\d+)\s*se" catches "seconds" last).
-const std::vector<PatternSpecification>& patternSpecifications() {
-    static const std::vector<PatternSpecification> specifications = {
-        {QStringLiteral("(\\d\\d):(\\d\\d):(\\d\\d)"), {1, 2, 3}},
-        {QStringLiteral("(\\d\\d?)\\s*h\\s*(\\d\\d?)\\s*min"), {1, 2, kNone}},
-        {QStringLiteral("(\\d\\d?)\\s*h\\s*(\\d\\d?)\\s*m\\s"), {1, 2, kNone}},
-        {QStringLiteral("(\\d\\d?)\\s*hours?\\s*(\\d\\d?)\\s*min"), {1, 2, kNone}},
-        {QStringLiteral("(\\d\\d?)\\s*hours?\\s*(\\d\\d?)\\s*m\\s"), {1, 2, kNone}},
-        {QStringLiteral("(\\d\\d?)\\s*hrs?\\s*(\\d\\d?)\\s*min"), {1, 2, kNone}},
-        {QStringLiteral("(\\d\\d?)\\s*hrs?\\s*(\\d\\d?)\\s*m\\s"), {1, 2, kNone}},
-        // One colon is minutes and seconds ("spin 5:30"), never hours and minutes.
-        {QStringLiteral("\\s(\\d\\d?):(\\d\\d)\\s"), {kNone, 1, 2}},
-        // A prime and a double prime are minutes and seconds.
-        {QStringLiteral("\\s(\\d\\d?)'\\s*(\\d\\d?)\"?\\s"), {kNone, 1, 2}},
-        {QStringLiteral("(\\d+)\\s*hours?"), {1, kNone, kNone}},
-        {QStringLiteral("(\\d+)\\s*hrs?\\s"), {1, kNone, kNone}},
-        {QStringLiteral("(\\d+)\\s*h\\s"), {1, kNone, kNone}},
-        {QStringLiteral("(\\d+)\\s*h\\."), {1, kNone, kNone}},
-        {QStringLiteral("(\\d+)\\s*minutes?"), {kNone, 1, kNone}},
-        {QStringLiteral("(\\d+)\\s*mins?"), {kNone, 1, kNone}},
-        {QStringLiteral("(\\d+)\\s*m\\s"), {kNone, 1, kNone}},
-        {QStringLiteral("(\\d+)\\s*'\\s"), {kNone, 1, kNone}},
-        {QStringLiteral("(\\d+)\\s*secs?\\s"), {kNone, kNone, 1}},
-        {QStringLiteral("(\\d+)\\s*s\\s"), {kNone, kNone, 1}},
-        {QStringLiteral("(\\d+)\\s*\"\\s"), {kNone, kNone, 1}},
-        {QStringLiteral("(\\d+)\\s*se"), {kNone, kNone, 1}},
-    };
+constexpr DetectorPattern kDetectorPatterns[] = {
+    {u"(\\d\\d):(\\d\\d):(\\d\\d)", {1, 2, 3}, kFollowerColon},
+    {u"(\\d\\d?)\\s*h\\s*(\\d\\d?)\\s*min", {1, 2, kNone}, kFollowerH},
+    {u"(\\d\\d?)\\s*h\\s*(\\d\\d?)\\s*m\\s", {1, 2, kNone}, kFollowerH},
+    {u"(\\d\\d?)\\s*hours?\\s*(\\d\\d?)\\s*min", {1, 2, kNone}, kFollowerH},
+    {u"(\\d\\d?)\\s*hours?\\s*(\\d\\d?)\\s*m\\s", {1, 2, kNone}, kFollowerH},
+    {u"(\\d\\d?)\\s*hrs?\\s*(\\d\\d?)\\s*min", {1, 2, kNone}, kFollowerH},
+    {u"(\\d\\d?)\\s*hrs?\\s*(\\d\\d?)\\s*m\\s", {1, 2, kNone}, kFollowerH},
+    // One colon is minutes and seconds ("spin 5:30"), never hours and minutes.
+    {u"\\s(\\d\\d?):(\\d\\d)\\s", {kNone, 1, 2}, kFollowerColon},
+    // A prime and a double prime are minutes and seconds.
+    {u"\\s(\\d\\d?)'\\s*(\\d\\d?)\"?\\s", {kNone, 1, 2}, kFollowerPrime},
+    {u"(\\d+)\\s*hours?", {1, kNone, kNone}, kFollowerH},
+    {u"(\\d+)\\s*hrs?\\s", {1, kNone, kNone}, kFollowerH},
+    {u"(\\d+)\\s*h\\s", {1, kNone, kNone}, kFollowerH},
+    {u"(\\d+)\\s*h\\.", {1, kNone, kNone}, kFollowerH},
+    {u"(\\d+)\\s*minutes?", {kNone, 1, kNone}, kFollowerM},
+    {u"(\\d+)\\s*mins?", {kNone, 1, kNone}, kFollowerM},
+    {u"(\\d+)\\s*m\\s", {kNone, 1, kNone}, kFollowerM},
+    {u"(\\d+)\\s*'\\s", {kNone, 1, kNone}, kFollowerPrime},
+    {u"(\\d+)\\s*secs?\\s", {kNone, kNone, 1}, kFollowerS},
+    {u"(\\d+)\\s*s\\s", {kNone, kNone, 1}, kFollowerS},
+    {u"(\\d+)\\s*\"\\s", {kNone, kNone, 1}, kFollowerDoublePrime},
+    {u"(\\d+)\\s*se", {kNone, kNone, 1}, kFollowerS},
+};
+
+std::vector<PatternSpecification> patternSpecifications() {
+    std::vector<PatternSpecification> specifications;
+    for (const DetectorPattern& entry : kDetectorPatterns)
+        specifications.emplace_back(QString::fromUtf16(entry.pattern), entry.captureMap);
     return specifications;
 }
 
@@ -66,28 +89,87 @@ QString describeCompileError(UErrorCode status, const UParseError& parseError) {
     return description;
 }
 
-// Every pattern of the table needs a decimal digit, so a text without one holds no duration; checking
-// that first spares the 21 searches on most paragraphs. "\d" is the Unicode decimal digit property, which
-// u_isdigit() tests.
-bool containsDecimalDigit(const QString& text) {
-    const qsizetype length = text.size();
+// What may follow a match's first run of digits, by the bits of DigitFollower, for one character: a
+// character matches a letter of a pattern when its case folding begins with that letter ("ſ" and "ß" fold
+// to "s"), and no character other than themselves matches ":", "'" or the double prime.
+unsigned followerBitsForCodePoint(UChar32 codePoint) {
+    const auto bitsForAscii = [](UChar32 character) -> unsigned {
+        switch (character) {
+        case u'h':
+        case u'H':
+            return kFollowerH;
+        case u'm':
+        case u'M':
+            return kFollowerM;
+        case u's':
+        case u'S':
+            return kFollowerS;
+        case u':':
+            return kFollowerColon;
+        case u'\'':
+            return kFollowerPrime;
+        case u'"':
+            return kFollowerDoublePrime;
+        default:
+            return 0;
+        }
+    };
+    if (codePoint < 0x80)
+        return bitsForAscii(codePoint);
+    icu::UnicodeString folded(codePoint);
+    folded.foldCase();
+    return bitsForAscii(u_foldCase(codePoint, U_FOLD_CASE_DEFAULT)) | bitsForAscii(folded.char32At(0));
+}
+
+// True for every character that "\s" matches, and for a few more (the ASCII controls and the separators),
+// so that the scan below never stops earlier than a match could go on.
+bool isBlankForScan(UChar32 codePoint) {
+    if (codePoint < 0x80)
+        return codePoint == u' ' || (codePoint >= 0x09 && codePoint <= 0x0D);
+    return u_isUWhiteSpace(codePoint) || (U_GET_GC_MASK(codePoint) & U_GC_Z_MASK) != 0 || codePoint == 0x85;
+}
+
+bool isDecimalDigit(UChar32 codePoint) {
+    // "\d" is the Unicode decimal digit property, which u_isdigit() tests.
+    return codePoint < 0x80 ? (codePoint >= u'0' && codePoint <= u'9') : u_isdigit(codePoint);
+}
+
+UChar32 codePointAt(const QChar* characters, qsizetype length, qsizetype index, qsizetype& next) {
+    const char16_t unit = characters[index].unicode();
+    if (QChar::isHighSurrogate(unit) && index + 1 < length && characters[index + 1].isLowSurrogate()) {
+        next = index + 2;
+        return static_cast<UChar32>(QChar::surrogateToUcs4(unit, characters[index + 1].unicode()));
+    }
+    next = index + 1;
+    return unit;
+}
+
+// The characters (as DigitFollower bits) that follow some run of digits of the text, after optional
+// blanks; none when the text holds no digit, since every pattern needs one.
+unsigned digitFollowersInText(const QString& text) {
     const QChar* characters = text.constData();
-    for (qsizetype index = 0; index < length; ++index) {
-        const char16_t unit = characters[index].unicode();
-        if (unit < 0x80) {
-            if (unit >= u'0' && unit <= u'9')
-                return true;
+    const qsizetype length = text.size();
+    unsigned followers = 0;
+    bool inDigits = false;
+    qsizetype next = 0;
+    for (qsizetype index = 0; index < length; index = next) {
+        const UChar32 codePoint = codePointAt(characters, length, index, next);
+        if (isDecimalDigit(codePoint)) {
+            inDigits = true;
             continue;
         }
-        UChar32 codePoint = unit;
-        if (QChar::isHighSurrogate(unit) && index + 1 < length && characters[index + 1].isLowSurrogate()) {
-            codePoint = static_cast<UChar32>(QChar::surrogateToUcs4(unit, characters[index + 1].unicode()));
-            ++index;
+        if (!inDigits)
+            continue;
+        inDigits = false;
+        qsizetype scanNext = 0;
+        for (qsizetype scan = index; scan < length; scan = scanNext) {
+            const UChar32 following = codePointAt(characters, length, scan, scanNext);
+            followers |= followerBitsForCodePoint(following);
+            if (!isBlankForScan(following))
+                break;
         }
-        if (u_isdigit(codePoint))
-            return true;
     }
-    return false;
+    return followers;
 }
 
 // Steps 1 to 3 of the search: blanks around the text and around ",", "(" and ")", then the number words.
@@ -135,11 +217,38 @@ matchersOfThisThread(const std::vector<NBDurationPattern>& table) {
 
 } // namespace
 
-const std::vector<NBDurationPattern>& NBTimeDetector::regularExpressionsAndCaptureMapsForDurationDetection() {
+namespace {
+
+// The detector's own table, and for each of its entries the DigitFollower bits its matches need.
+struct DetectorTable {
+    std::vector<NBDurationPattern> patterns;
+    std::vector<unsigned> digitFollowers;
+};
+
+const DetectorTable& detectorTable() {
     // Never destroyed: threads may still be searching while the process exits.
-    static const std::vector<NBDurationPattern>* const table =
-        new std::vector<NBDurationPattern>(compilePatterns(patternSpecifications()));
+    static const DetectorTable* const table = [] {
+        auto* built = new DetectorTable{NBTimeDetector::compilePatterns(patternSpecifications()), {}};
+        for (const NBDurationPattern& entry : built->patterns) {
+            unsigned followers = 0;
+            for (const DetectorPattern& specification : kDetectorPatterns) {
+                if (entry.pattern == QStringView(specification.pattern))
+                    followers = specification.digitFollower;
+            }
+            if (followers == 0)
+                nbRaiseAssertion(lcTimeDetector(),
+                                 nbFormat("no digit follower for pattern '%@'", entry.pattern));
+            built->digitFollowers.push_back(followers);
+        }
+        return built;
+    }();
     return *table;
+}
+
+} // namespace
+
+const std::vector<NBDurationPattern>& NBTimeDetector::regularExpressionsAndCaptureMapsForDurationDetection() {
+    return detectorTable().patterns;
 }
 
 const std::vector<std::pair<QString, QString>>& NBTimeDetector::replacements() {
@@ -187,8 +296,12 @@ std::optional<NBTime>
 NBTimeDetector::firstMatchForDurationInString(const QString& string,
                                               const std::vector<NBDurationPattern>& patterns) {
     const QString text = preparedText(string);
-    const bool isDetectorTable = &patterns == &regularExpressionsAndCaptureMapsForDurationDetection();
-    if (isDetectorTable && !containsDecimalDigit(text))
+    const DetectorTable& ownTable = detectorTable();
+    const bool isDetectorTable = &patterns == &ownTable.patterns;
+    // For the detector's own table, patterns whose first digits cannot be followed by what they need are
+    // not searched; a text without digits is not searched at all.
+    const unsigned followers = isDetectorTable ? digitFollowersInText(text) : ~0u;
+    if (followers == 0)
         return std::nullopt;
 
     const icu::UnicodeString input = unicodeStringAliasing(text);
@@ -211,7 +324,7 @@ NBTimeDetector::firstMatchForDurationInString(const QString& string,
     int filledCount = 0;
     for (size_t patternIndex = 0; patternIndex < patterns.size() && filledCount < 3; ++patternIndex) {
         icu::RegexMatcher* matcher = matchers[patternIndex].get();
-        if (!matcher)
+        if (!matcher || (isDetectorTable && (ownTable.digitFollowers[patternIndex] & followers) == 0))
             continue;
         UErrorCode status = U_ZERO_ERROR;
         matcher->reset(input);

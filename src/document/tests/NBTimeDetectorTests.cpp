@@ -175,17 +175,24 @@ TEST(NBTimeDetectorTests, ThreadsDetectAtTheSameTime) {
     EXPECT_EQ(mismatches, std::vector<int>(4, 0));
 }
 
-// Texts made of the characters the patterns care about, so that random texts do hold durations.
+// Texts made of the pieces the patterns care about (numbers, units, separators, number words, and
+// characters that fold to a unit's letter or count as blanks or digits), so that random texts do hold
+// durations.
 rc::Gen<QString> durationLikeText() {
-    static const QString alphabet =
-        QStringLiteral("0123456789 hHmMiInNsSeEcCrRoOuUtTwWvV:'\".,()\t\né🧪٥");
-    return rc::gen::map(rc::gen::container<std::vector<size_t>>(rc::gen::inRange<size_t>(0, alphabet.size())),
-                        [](const std::vector<size_t>& indices) {
-                            QString text;
-                            for (size_t index : indices)
-                                text.append(alphabet[static_cast<qsizetype>(index)]);
-                            return text;
-                        });
+    static const QStringList pieces =
+        QStringLiteral(
+            "5|12|0|300|٥|𝟓| | "
+            "|\t|\u00a0|\u2009|h|H|hours|hour|hr|hrs|min|MIN|minutes|m|s|S|sec|secs|seconds|se|'|\"|"
+            ":|.|,|(|)|two|Ten| ten |x|ſ|ß|ẖ|é|🧪|at|°C")
+            .split(u'|');
+    return rc::gen::map(
+        rc::gen::container<std::vector<qsizetype>>(rc::gen::inRange<qsizetype>(0, pieces.size())),
+        [](const std::vector<qsizetype>& indices) {
+            QString text;
+            for (qsizetype index : indices)
+                text.append(pieces[index]);
+            return text;
+        });
 }
 
 // The detector skips texts without a digit and reuses its matchers; a freshly compiled copy of its table
