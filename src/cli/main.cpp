@@ -1,4 +1,6 @@
 // The `quillon` command line: parses the arguments and hands each subcommand to the libraries.
+#include "cli/StoreCommand.h"
+
 #include <CLI/CLI.hpp>
 #include <QCoreApplication>
 
@@ -12,6 +14,7 @@ int main(int argc, char** argv) {
     CLI::App app{"Quillon: a local-first laboratory notebook for experiments and protocols.", "quillon"};
     app.set_version_flag("--version", std::string("quillon ") + QUILLON_VERSION);
     app.require_subcommand(0, 1);
+    addStoreCommand(app);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {

@@ -1,0 +1,506 @@
+// Tests of the store's values, logs, timers, transactions, blobs and its handling of damaged logs.
+#include "StoreTestSupport.h"
+
+#include "foundation/NBPropertyList.h"
+#include "foundation/testing/NBMessageCapture.h"
+#include "foundation/testing/NBTemporaryDirectory.h"
+
+#include <QDateTime>
+#include <QProcess>
+#include <QSize>
+#include <QTimeZone>
+#include <SQLiteCpp/SQLiteCpp.h>
+#include <gtest/gtest.h>
+
+#include <csignal>
+
+namespace {
+
+QString packagePath(const NBTemporaryDirectory& directory) {
+    return directory.filePath(QStringLiteral("Package.nbexperiment"));
+}
+
+// Values of every property-list kind, nested ones included.
+QVariantMap sampleValues() {
+    return {
+        {QStringLiteral("string"), QStringLiteral("α-helix, 37 °C")},
+        {QStringLiteral("integer"), qint64(-42)},
+        {QStringLiteral("large"), qint64(1) << 60},
+        {QStringLiteral("real"), 2.5},
+        {QStringLiteral("boolean"), true},
+        {QStringLiteral("date"), QDateTime::fromMSecsSinceEpoch(1700000000123, Qt::UTC)},
+        {QStringLiteral("data"), QByteArray("\x00\x01\xff", 3)},
+        {QStringLiteral("array"), QVariantList{qint64(1), QStringLiteral("two"), QVariantList{}}},
+        {QStringLiteral("dictionary"), QVariantMap{{QStringLiteral("type"), QStringLiteral("step")},
+                                                   {QStringLiteral("nested"), QVariantMap{}}}},
+    };
+}
+
+TEST(OAKStore, ValuesAndDictionariesSurviveTearDownAndReopening) {
+    NBTemporaryDirectory directory;
+    const QVariantMap values = sampleValues();
+    QHash<QString, NBTimestamp> timestamps;
+    {
+        auto store = AllKeysStore::open(packagePath(directory), QStringLiteral("device-a"));
+        store->loadNow();
+        store->setEntriesFromDictionary(values);
+        store->setPropertyListValue(QStringLiteral("single"), QStringLiteral("title"));
+        ASSERT_TRUE(store->saveNow());
+        timestamps = store->mostRecentTimestampsByKey();
+        store->tearDownNow();
+        EXPECT_FALSE(store->loaded());
+        EXPECT_TRUE(store->allRelevantValues().isEmpty());
+    }
+    auto reopened = AllKeysStore::open(packagePath(directory), QStringLiteral("device-a"));
+    reopened->loadNow();
+    EXPECT_TRUE(reopened->loaded());
+    for (auto entry = values.begin(); entry != values.end(); ++entry) {
+        EXPECT_TRUE(propertyListValuesEqual(reopened->propertyListValueForKey(entry.key()), entry.value()))
+            << entry.key().toStdString();
+    }
+    EXPECT_EQ(reopened->propertyListValueForKey(QStringLiteral("title")).toString(),
+              QStringLiteral("single"));
+    EXPECT_EQ(reopened->mostRecentTimestampsByKey(), timestamps);
+    // One dictionary write shares one timestamp.
+    EXPECT_EQ(timestamps.value(QStringLiteral("string")), timestamps.value(QStringLiteral("array")));
+    reopened->tearDownNow();
+}
+
+TEST(OAKStore, NewestValueWinsAcrossDevicesWhicheverLoadsFirst) {
+    NBTemporaryDirectory directory;
+    const QString key = QStringLiteral("title");
+    for (const QString& device : {QStringLiteral("older"), QStringLiteral("newer")}) {
+        auto store = OAKStore::storeWithURL(QUrl::fromLocalFile(packagePath(directory)), device);
+        store->setPropertyListValue(device, key);
+        ASSERT_TRUE(store->saveNow());
+        store->tearDownNow();
+    }
+    for (const QString& device :
+         {QStringLiteral("older"), QStringLiteral("newer"), QStringLiteral("third")}) {
+        auto store = AllKeysStore::open(packagePath(directory), device);
+        store->loadNow();
+        EXPECT_EQ(store->propertyListValueForKey(key).toString(), QStringLiteral("newer"))
+            << device.toStdString();
+        const auto devices = store->mostRecentTimestampsByDeviceIdentifier();
+        EXPECT_GT(devices.at(QStringLiteral("newer")), devices.at(QStringLiteral("older")));
+        store->tearDownNow();
+    }
+}
+
+TEST(OAKStore, ClosedDatabaseReopensOnTheNextReadAndWrite) {
+    NBTemporaryDirectory directory;
+    OAKStoreOptions options;
+    options.timings.closeDelay = 0.2;
+    auto store = AllKeysStore::open(packagePath(directory), QStringLiteral("device"), options);
+    store->loadNow();
+    store->setPropertyListValue(qint64(1), QStringLiteral("first"));
+    ASSERT_TRUE(store->saveNow());
+    store->closeDatabaseNow();
+    EXPECT_EQ(store->changesSinceTimestamp(timestampForDistantPast()).size(), 1u);
+    store->closeDatabaseNow();
+    store->setPropertyListValue(qint64(2), QStringLiteral("second"));
+    ASSERT_TRUE(store->saveNow());
+    // The close timer fires after its delay; the next write reopens the log again.
+    QThread::msleep(600);
+    store->setPropertyListValue(qint64(3), QStringLiteral("third"));
+    ASSERT_TRUE(store->saveNow());
+    EXPECT_EQ(store->changesSinceTimestamp(timestampForDistantPast()).size(), 3u);
+    store->tearDownNow();
+
+    auto reopened = AllKeysStore::open(packagePath(directory), QStringLiteral("other"));
+    reopened->loadNow();
+    EXPECT_EQ(reopened->allRelevantValues().size(), 3);
+    reopened->tearDownNow();
+}
+
+TEST(OAKStore, UnserialisableValueStaysInMemoryAndNeverReachesTheLog) {
+    NBTemporaryDirectory directory;
+    NBMessageCapture capture;
+    auto store = AllKeysStore::open(packagePath(directory), QStringLiteral("device"));
+    store->loadNow();
+    const QVariant url = QUrl(QStringLiteral("https://example.org"));
+    store->setPropertyListValue(url, QStringLiteral("link"));
+    store->setPropertyListValue(QVariantList{QStringLiteral("ok"), QVariant::fromValue(QSize(1, 2))},
+                                QStringLiteral("nested"));
+    store->setPropertyListValue(QStringLiteral("fine"), QStringLiteral("plain"));
+    EXPECT_EQ(store->propertyListValueForKey(QStringLiteral("link")), url);
+    EXPECT_TRUE(capture.contains(QStringLiteral("Error creating data from plist:\nkey: link:")));
+    EXPECT_TRUE(capture.contains(QStringLiteral("Error creating data from plist:\nkey: nested:")));
+    ASSERT_TRUE(store->saveNow());
+    const auto changes = store->changesSinceTimestamp(timestampForDistantPast());
+    ASSERT_EQ(changes.size(), 1u);
+    EXPECT_EQ(changes[0].key, QStringLiteral("plain"));
+    store->tearDownNow();
+    auto reopened = AllKeysStore::open(packagePath(directory), QStringLiteral("device"));
+    reopened->loadNow();
+    EXPECT_FALSE(reopened->propertyListValueForKey(QStringLiteral("link")).isValid());
+    reopened->tearDownNow();
+}
+
+TEST(OAKStore, TenEditsHalfASecondApartAreSavedOnceAfterTheLast) {
+    // The store's own timer values: "save_delay" 1 s, "save_coalesce" 15 s.
+    NBTemporaryDirectory directory;
+    auto store =
+        OAKStore::storeWithURL(QUrl::fromLocalFile(packagePath(directory)), QStringLiteral("device"));
+    store->loadNow();
+    for (int edit = 0; edit < 10; ++edit) {
+        store->setPropertyListValue(qint64(edit), QStringLiteral("counter"));
+        QThread::msleep(500);
+        EXPECT_EQ(store->saveCommitCount(), 0u) << "saved before the edits stopped, at edit " << edit;
+    }
+    EXPECT_TRUE(waitFor([&] { return store->saveCommitCount() == 1; }, 10.0));
+    QThread::msleep(1500);
+    EXPECT_EQ(store->saveCommitCount(), 1u);
+    EXPECT_EQ(store->changesSinceTimestamp(timestampForDistantPast()).size(), 10u);
+    store->tearDownNow();
+}
+
+TEST(OAKStore, ContinuousEditsAreSavedAtLeastEveryCoalesceInterval) {
+    NBTemporaryDirectory directory;
+    OAKStoreOptions options;
+    options.timings.saveDelay = 0.5;
+    options.timings.saveCoalesce = 1.5;
+    auto store = OAKStore::storeWithURL(QUrl::fromLocalFile(packagePath(directory)), QStringLiteral("device"),
+                                        options);
+    store->loadNow();
+    // Edits every 0.1 s never leave the delay timer a quiet half second: only the coalesce timer saves.
+    std::vector<unsigned long long> commitsOverTime;
+    for (int edit = 0; edit < 60; ++edit) {
+        store->setPropertyListValue(qint64(edit), QStringLiteral("counter"));
+        QThread::msleep(100);
+        commitsOverTime.push_back(store->saveCommitCount());
+    }
+    // Six seconds of edits with a 1.5 s coalesce interval: at least two saves (generous for a loaded
+    // machine), and never three seconds without one once the first came.
+    EXPECT_GE(commitsOverTime.back(), 2u);
+    for (std::size_t index = 40; index < commitsOverTime.size(); ++index)
+        EXPECT_GT(commitsOverTime[index], commitsOverTime[index - 40])
+            << "no save for 4 s before edit " << index;
+    store->tearDownNow();
+}
+
+TEST(OAKStore, ChangesSinceTimestampAreCompleteAndAscending) {
+    NBTemporaryDirectory directory;
+    auto first = OAKStore::storeWithURL(QUrl::fromLocalFile(packagePath(directory)), QStringLiteral("first"));
+    auto second =
+        OAKStore::storeWithURL(QUrl::fromLocalFile(packagePath(directory)), QStringLiteral("second"));
+    first->setPropertyListValue(QStringLiteral("before"), QStringLiteral("early"));
+    ASSERT_TRUE(first->saveNow());
+    const NBTimestamp start = timestampNow();
+    std::vector<std::pair<QString, NBTimestamp>> written;
+    for (int index = 0; index < 20; ++index) {
+        OAKStore& store = index % 3 == 0 ? *second : *first;
+        const QString key = QStringLiteral("key%1").arg(index % 7);
+        store.setPropertyListValue(qint64(index), key);
+        written.emplace_back(key, store.mostRecentTimestampForKey(key));
+    }
+    const NBTimestamp end = timestampNow();
+    first->setPropertyListValue(QStringLiteral("after"), QStringLiteral("late"));
+    ASSERT_TRUE(second->saveNow());
+
+    std::vector<OAKChange> changes = first->changesSinceTimestamp(start);
+    std::erase_if(changes, [&](const OAKChange& change) { return change.timestamp > end; });
+    ASSERT_EQ(changes.size(), written.size());
+    for (std::size_t index = 0; index < changes.size(); ++index) {
+        EXPECT_EQ(changes[index].key, written[index].first);
+        EXPECT_EQ(changes[index].timestamp, written[index].second);
+        EXPECT_EQ(changes[index].propertyList.toLongLong(), qint64(index));
+        EXPECT_EQ(changes[index].deviceIdentifier,
+                  index % 3 == 0 ? QStringLiteral("second") : QStringLiteral("first"));
+        if (index > 0) {
+            EXPECT_LT(changes[index - 1].timestamp, changes[index].timestamp);
+        }
+    }
+    // Parent timestamps chain each device's rows of a key.
+    EXPECT_FALSE(changes[0].parentTimestamp.has_value());
+    EXPECT_EQ(changes[7].key, changes[0].key);
+    first->tearDownNow();
+    second->tearDownNow();
+}
+
+TEST(OAKStore, TransactionsGatherOneNotificationAndRefuseSynchronousDatabaseCalls) {
+    NBTemporaryDirectory directory;
+    auto store =
+        OAKStore::storeWithURL(QUrl::fromLocalFile(packagePath(directory)), QStringLiteral("device"));
+    store->loadNow();
+    NotificationRecorder recorder(store.get());
+    NBMessageCapture capture;
+    const std::vector<std::pair<QString, std::function<void()>>> refused = {
+        {QStringLiteral("loadNow"), [&] { store->loadNow(); }},
+        {QStringLiteral("saveNow"), [&] { EXPECT_FALSE(store->saveNow()); }},
+        {QStringLiteral("tearDownNow"), [&] { store->tearDownNow(); }},
+        {QStringLiteral("waitUntilFinished"), [&] { store->waitUntilFinished(); }},
+        {QStringLiteral("closeDatabaseNow"), [&] { store->closeDatabaseNow(); }},
+        {QStringLiteral("changesSinceTimestamp:"),
+         [&] { EXPECT_TRUE(store->changesSinceTimestamp(0).empty()); }},
+        {QStringLiteral("mostRecentTimestampsByDeviceIdentifier"),
+         [&] { EXPECT_TRUE(store->mostRecentTimestampsByDeviceIdentifier().empty()); }},
+    };
+    store->runTransaction([&] {
+        store->setPropertyListValue(qint64(1), QStringLiteral("a"));
+        store->runTransaction([&] { store->setEntriesFromDictionary({{QStringLiteral("b"), true}}); });
+        for (const auto& [method, call] : refused)
+            call();
+        store->setPropertyListValue(qint64(2), QStringLiteral("a"));
+    });
+    for (const auto& [method, call] : refused) {
+        EXPECT_TRUE(capture.contains(nbFormat(
+            "To avoid deadlocks, %@ should not be called within a transaction. Bailing out.", method)))
+            << method.toStdString();
+    }
+    store->waitUntilFinished();
+    const auto changes = recorder.notifications(QString::fromUtf8(OAKStoreDidChangeNotification));
+    ASSERT_EQ(changes.size(), 1u);
+    const QVariantMap values = changes[0].userInfo.value(QStringLiteral("values")).toMap();
+    EXPECT_EQ(values.value(QStringLiteral("a")).toLongLong(), 2);
+    EXPECT_EQ(values.value(QStringLiteral("b")).toBool(), true);
+    EXPECT_EQ(changes[0].userInfo.value(QStringLiteral("timestamps")).toMap().size(), 2);
+    // The refusals changed nothing: the store is still loaded and writes.
+    EXPECT_TRUE(store->loaded());
+    EXPECT_EQ(store->changesSinceTimestamp(timestampForDistantPast()).size(), 3u);
+    store->tearDownNow();
+    EXPECT_EQ(recorder.count(OAKStoreDidTearDownNotification), 1u);
+}
+
+TEST(OAKStore, PrivateStepsOffTheirQueueRaiseAssertions) {
+    NBMessageCapture capture;
+    class Probe : public OAKStore {
+    public:
+        using OAKStore::OAKStore;
+        void callOffQueue() {
+            _sync();
+            _tearDown();
+            applySyncChangeWithValues({{QStringLiteral("k"), 1}}, {});
+        }
+    };
+    NBTemporaryDirectory directory;
+    auto probe =
+        std::make_shared<Probe>(QUrl::fromLocalFile(packagePath(directory)), QStringLiteral("device"));
+    probe->callOffQueue();
+    EXPECT_TRUE(capture.contains(
+        QStringLiteral("OAKStore:_sync should only be called from within the database queue")));
+    EXPECT_TRUE(capture.contains(
+        QStringLiteral("OAKStore:_tearDown should only be called from within the memory queue")));
+    EXPECT_FALSE(probe->propertyListValueForKey(QStringLiteral("k")).isValid());
+    EXPECT_EQ(capture.assertions().size(), 3);
+}
+
+TEST(OAKStore, ValueOfTheWrongClassIsAnError) {
+    auto store = OAKStore::inMemoryStore();
+    store->setPropertyListValue(qint64(7), QStringLiteral("count"));
+    NBMessageCapture capture;
+    NBError error;
+    EXPECT_EQ(
+        store->propertyListValueForKey(QStringLiteral("count"), QMetaType::fromType<int>(), &error).toInt(),
+        7);
+    EXPECT_TRUE(error.isNull());
+    EXPECT_FALSE(
+        store->propertyListValueForKey(QStringLiteral("count"), QMetaType::fromType<QString>(), &error)
+            .isValid());
+    EXPECT_EQ(error.code(), 778);
+    EXPECT_TRUE(error.localizedDescription().startsWith(QStringLiteral(
+        "Value for key 'count' should be of class 'QString', but is instead of class 'qlonglong'")));
+    EXPECT_TRUE(capture.contains(error.localizedDescription()));
+}
+
+TEST(OAKStore, BlobsOnDiskAndInMemory) {
+    NBTemporaryDirectory directory;
+    const QString source = directory.filePath(QStringLiteral("source.bin"));
+    ASSERT_TRUE(writeFile(source, QByteArray("copied")));
+    auto onDisk =
+        OAKStore::storeWithURL(QUrl::fromLocalFile(packagePath(directory)), QStringLiteral("device"));
+    for (const std::shared_ptr<OAKStore>& store : {onDisk, OAKStore::inMemoryStore()}) {
+        SCOPED_TRACE(store->isInMemory() ? "in memory" : "on disk");
+        NBMessageCapture capture;
+        EXPECT_TRUE(store->writeBlobData(QByteArray("image"), QStringLiteral("attachments/a.png")));
+        EXPECT_EQ(store->blobDataAtPath(QStringLiteral("attachments/a.png")).value_or(QByteArray()),
+                  QByteArray("image"));
+        EXPECT_TRUE(store->writeBlobData(QByteArray(), QStringLiteral("empty")));
+        EXPECT_TRUE(capture.contains(
+            QStringLiteral("Empty data will be used in method 'writeBlobData:toPath:error:'")));
+        EXPECT_EQ(store->blobDataAtPath(QStringLiteral("empty")).value_or(QByteArray("x")), QByteArray(""));
+        EXPECT_TRUE(store->writeBlobFromPath(source, QStringLiteral("attachments/a.png")));
+        EXPECT_EQ(store->blobDataAtPath(QStringLiteral("attachments/a.png")).value_or(QByteArray()),
+                  QByteArray("copied"));
+        EXPECT_TRUE(store->deleteBlobAtPath(QStringLiteral("attachments/a.png")));
+        NBError error;
+        EXPECT_FALSE(store->blobDataAtPath(QStringLiteral("attachments/a.png"), &error).has_value());
+        EXPECT_TRUE(
+            error.localizedDescription().startsWith(QStringLiteral("Could not read data blob at path")));
+        EXPECT_FALSE(store->writeBlobData(QByteArray("x"), QString()));
+        EXPECT_TRUE(capture.contains(
+            QStringLiteral("Blob cannot be saved because method 'writeBlobData:toPath:error:' was called "
+                           "with 'path' parameter nil")));
+        for (const QString& escaping : {QStringLiteral("../devices/device/logs.db"),
+                                        QStringLiteral("/etc/passwd"), QStringLiteral("a/../../x")})
+            EXPECT_FALSE(store->writeBlobData(QByteArray("x"), escaping)) << escaping.toStdString();
+    }
+    EXPECT_FALSE(QFileInfo::exists(packagePath(directory) + QStringLiteral("/devices/device/logs.db.bak")));
+    EXPECT_TRUE(QFileInfo::exists(packagePath(directory) + QStringLiteral("/blobs/empty")));
+}
+
+// Writes a valid log holding `key` = `value` for `device` in `package`.
+void writeDeviceLog(const QString& package, const QString& device, const QString& key,
+                    const QVariant& value) {
+    auto store = OAKStore::storeWithURL(QUrl::fromLocalFile(package), device);
+    store->setPropertyListValue(value, key);
+    ASSERT_TRUE(store->saveNow());
+    store->tearDownNow();
+}
+
+TEST(OAKStore, DamagedForeignLogsAreSkippedAndNeverWritten) {
+    struct Damage {
+        const char* name;
+        std::function<void(const QString& logPath)> apply;
+        const char* message;
+    };
+    const std::vector<Damage> damages = {
+        {"missing", [](const QString& path) { QFile::remove(path); },
+         "in read-only mode, because there is no file"},
+        {"garbage", [](const QString& path) { writeFile(path, QByteArray(8192, 'x')); },
+         "Error creating persistent store"},
+        {"truncated",
+         [](const QString& path) {
+             const QByteArray bytes = readFile(path);
+             writeFile(path, bytes.left(bytes.size() / 2 + 100));
+         },
+         "database disk image is malformed"},
+        {"newer schema",
+         [](const QString& path) {
+             SQLite::Database(path.toStdString(), SQLite::OPEN_READWRITE).exec("PRAGMA user_version=99");
+         },
+         "newer than the version 1"},
+        {"directory",
+         [](const QString& path) {
+             QFile::remove(path);
+             QDir().mkpath(path);
+         },
+         "because there is already a directory at this path"},
+        {"other database",
+         [](const QString& path) {
+             QFile::remove(path);
+             SQLite::Database(path.toStdString(), SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE)
+                 .exec("CREATE TABLE t (x)");
+         },
+         "no well-formed Log table"},
+    };
+    for (const Damage& damage : damages) {
+        SCOPED_TRACE(damage.name);
+        NBTemporaryDirectory directory;
+        const QString package = packagePath(directory);
+        writeDeviceLog(package, QStringLiteral("good"), QStringLiteral("title"), QStringLiteral("from good"));
+        // The damaged device wrote many keys, so that a truncated copy loses pages in the middle.
+        {
+            auto damaged = OAKStore::storeWithURL(QUrl::fromLocalFile(package), QStringLiteral("damaged"));
+            for (int index = 0; index < 2000; ++index)
+                damaged->setPropertyListValue(QString(200, QLatin1Char('v')),
+                                              QStringLiteral("key%1").arg(index));
+            ASSERT_TRUE(damaged->saveNow());
+            damaged->tearDownNow();
+        }
+        const QString damagedLog = package + QStringLiteral("/devices/damaged/logs.db");
+        damage.apply(damagedLog);
+        const auto before = treeSnapshot(package + QStringLiteral("/devices/damaged"));
+
+        NBMessageCapture capture;
+        auto store = AllKeysStore::open(package, QStringLiteral("reader"));
+        store->loadNow();
+        EXPECT_TRUE(store->loaded());
+        EXPECT_EQ(store->propertyListValueForKey(QStringLiteral("title")).toString(),
+                  QStringLiteral("from good"));
+        store->setPropertyListValue(QStringLiteral("written"), QStringLiteral("mine"));
+        EXPECT_TRUE(store->saveNow());
+        store->waitUntilFinished();
+        store->tearDownNow();
+        const QStringList texts = capture.texts();
+        const bool named = std::any_of(texts.begin(), texts.end(), [&](const QString& text) {
+            return text.contains(damagedLog) && text.contains(QString::fromUtf8(damage.message));
+        });
+        EXPECT_TRUE(named) << texts.join(QLatin1Char('\n')).toStdString();
+        EXPECT_EQ(treeSnapshot(package + QStringLiteral("/devices/damaged")), before);
+    }
+}
+
+TEST(OAKStore, LocalLogOfNewerSchemaIsNeverWritten) {
+    NBTemporaryDirectory directory;
+    const QString package = packagePath(directory);
+    writeDeviceLog(package, QStringLiteral("device"), QStringLiteral("title"), QStringLiteral("old"));
+    const QString log = package + QStringLiteral("/devices/device/logs.db");
+    SQLite::Database(log.toStdString(), SQLite::OPEN_READWRITE).exec("PRAGMA user_version=2");
+    const QByteArray before = readFile(log);
+    NBMessageCapture capture;
+    auto store = AllKeysStore::open(package, QStringLiteral("device"));
+    store->loadNow();
+    store->setPropertyListValue(QStringLiteral("new"), QStringLiteral("title"));
+    NBError error;
+    EXPECT_FALSE(store->saveNow(&error));
+    EXPECT_TRUE(error.localizedDescription().startsWith(
+        QStringLiteral("Could not save store for device identifier 'device'")));
+    EXPECT_TRUE(capture.contains(QStringLiteral("has schema version 2, newer than the version 1")));
+    store->tearDownNow();
+    EXPECT_EQ(readFile(log), before);
+}
+
+TEST(OAKStore, ReadOnlyStoreCreatesNothing) {
+    NBTemporaryDirectory directory;
+    const QString package = packagePath(directory);
+    writeDeviceLog(package, QStringLiteral("writer"), QStringLiteral("title"), QStringLiteral("value"));
+    const auto before = treeSnapshot(directory.path());
+    OAKStoreOptions options;
+    options.readOnly = true;
+    for (const QString& device : {QString(), QStringLiteral("writer"), QStringLiteral("someone-else")}) {
+        NBMessageCapture capture;
+        auto store = AllKeysStore::open(package, device, options);
+        store->loadNow();
+        EXPECT_EQ(store->propertyListValueForKey(QStringLiteral("title")).toString(),
+                  QStringLiteral("value"));
+        EXPECT_EQ(store->changesSinceTimestamp(timestampForDistantPast()).size(), 1u);
+        store->setPropertyListValue(qint64(1), QStringLiteral("refused"));
+        EXPECT_FALSE(store->writeBlobData(QByteArray("x"), QStringLiteral("blob")));
+        store->waitUntilFinished();
+        store->tearDownNow();
+    }
+    auto missing =
+        AllKeysStore::open(directory.filePath(QStringLiteral("missing")), QStringLiteral("x"), options);
+    missing->loadNow();
+    EXPECT_FALSE(missing->loaded());
+    EXPECT_EQ(treeSnapshot(directory.path()), before);
+}
+
+TEST(OAKStore, SavedValuesSurviveSigkill) {
+    NBTemporaryDirectory directory;
+    const QString package = packagePath(directory);
+    QProcess writer;
+    writer.start(QStringLiteral(QUILLON_STORE_TEST_WRITER),
+                 {package, QStringLiteral("killed"), QStringLiteral("500"), QStringLiteral("key"),
+                  QStringLiteral("--hold")});
+    ASSERT_TRUE(writer.waitForStarted(10000));
+    ASSERT_TRUE(writer.waitForReadyRead(60000)) << writer.readAllStandardError().toStdString();
+    ASSERT_EQ(writer.readLine().trimmed(), QByteArray("saved"));
+    ::kill(pid_t(writer.processId()), SIGKILL);
+    ASSERT_TRUE(writer.waitForFinished(10000));
+
+    auto store = AllKeysStore::open(package, QStringLiteral("reader"));
+    store->loadNow();
+    const QVariantMap values = store->allRelevantValues();
+    ASSERT_EQ(values.size(), 500);
+    EXPECT_EQ(values.value(QStringLiteral("key499")).toMap().value(QStringLiteral("sequence")).toLongLong(),
+              499);
+    store->tearDownNow();
+}
+
+TEST(OAKStore, QueueLabelsNameThePackage) {
+    NBTemporaryDirectory directory;
+    auto store =
+        OAKStore::storeWithURL(QUrl::fromLocalFile(directory.filePath(QStringLiteral("My.doc.nbprotocol"))),
+                               QStringLiteral("device"));
+    EXPECT_EQ(store->databaseQueue()->label(), OAKDispatchQueue::labelByPrependingBundleIdentifierToString(
+                                                   QStringLiteral("database.My_doc_nbprotocol")));
+    EXPECT_EQ(store->memoryQueue()->label(), OAKDispatchQueue::labelByPrependingBundleIdentifierToString(
+                                                 QStringLiteral("memory.My_doc_nbprotocol")));
+    EXPECT_EQ(store->notificationQueue()->label(),
+              OAKDispatchQueue::labelByPrependingBundleIdentifierToString(
+                  QStringLiteral("notifications.My_doc_nbprotocol")));
+}
+
+} // namespace
