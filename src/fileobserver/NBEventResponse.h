@@ -14,6 +14,7 @@
 
 #include <functional>
 #include <memory>
+#include <type_traits>
 
 class NBEventResponse {
 public:
@@ -33,16 +34,15 @@ public:
                                            (static_cast<Target*>(object)->*method)(e);
                                        });
     }
-    // Calls `function(*target, event)` while the target lives.
-    template <typename Target>
-    static std::shared_ptr<NBEventResponse>
-    eventResponseWithTarget(const std::shared_ptr<Target>& target,
-                            std::function<void(Target&, const NBFileSystemEvent&)> function) {
-        if (!function)
-            return eventResponseWithTarget(std::weak_ptr<void>(target), Selector());
+    // Calls `function(*target, event)` while the target lives (a lambda or std::function over the target).
+    template <typename Target, typename Function>
+    requires(std::is_invocable_v<Function&, Target&, const NBFileSystemEvent&> &&
+             !std::is_member_function_pointer_v<Function>) static std::
+        shared_ptr<NBEventResponse> eventResponseWithTarget(const std::shared_ptr<Target>& target,
+                                                            Function function) {
         return eventResponseWithTarget(
             std::weak_ptr<void>(target),
-            [function = std::move(function)](void* object, const NBFileSystemEvent& e) {
+            [function = std::move(function)](void* object, const NBFileSystemEvent& e) mutable {
                 function(*static_cast<Target*>(object), e);
             });
     }

@@ -236,7 +236,9 @@ TEST_F(NBFileObserverTest, BurstOfWritesArrivesAsAHandfulOfEventsAtTheRealLatenc
     center.removeObserver(recorder.get()); // the flush goes through a file observer of its own
     auto target = std::make_shared<Recorder>(log);
     auto fileObserver = NBFileObserver::fileObserverWithPath(
-        transfer, NBEventResponse::eventResponseWithTarget(target, &Recorder::fileSystemEventDidOccur));
+        transfer, NBEventResponse::eventResponseWithTarget(target, [](Recorder& observed, const auto& event) {
+            observed.fileSystemEventDidOccur(event);
+        }));
     writeFile(transfer + "/summary.pdf");
     fileObserver->flushSynchronously();
     events = log->all();
