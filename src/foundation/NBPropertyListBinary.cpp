@@ -9,6 +9,7 @@
 #include <cmath>
 #include <cstring>
 #include <limits>
+#include <unordered_map>
 #include <vector>
 
 namespace {
@@ -37,8 +38,10 @@ unsigned minimalWidth(quint64 value) {
 }
 
 void appendBigEndian(QByteArray& out, quint64 value, unsigned width) {
-    for (unsigned index = width; index > 0; --index)
-        out.append(char((value >> (8 * (index - 1))) & 0xFF));
+    char bytes[8];
+    for (unsigned index = 0; index < width; ++index)
+        bytes[index] = char((value >> (8 * (width - 1 - index))) & 0xFF);
+    out.append(bytes, width);
 }
 
 void appendMarker(QByteArray& out, quint8 type, quint64 count) {
@@ -62,19 +65,47 @@ double secondsSinceReferenceDate(const QDateTime& date) {
     return double(msecs) / 1000.0;
 }
 
-// One object of the file being written: either bytes ready to copy (scalars; `payload` is shared with the
-// caller's value so that large data is copied once, into the output) or a container's references.
+// One object of the file being written. Scalars are encoded at once into one buffer (equal ones are
+// written once and shared); data keeps its payload shared with the caller's value, so that a large blob is
+// copied once, into the output; containers keep a range of the reference list, filled in as their children
+// are added, and are written when the reference size is known.
 struct Object {
-    QByteArray head;
-    QByteArray payload;
-    std::vector<quint64> references;
-    quint8 containerMarker = 0; // 0xA0 or 0xD0 for containers; then `references` is what is written
+    qsizetype start = 0;  // scalars and data: first byte in the scalar buffer; containers: first reference
+    qsizetype length = 0; // bytes in the scalar buffer, or number of references
+    QByteArray payload;   // data objects only
+    quint8 containerMarker = 0; // 0xA0 or 0xD0 for containers
     quint64 containerCount = 0;
+};
+
+// A run of bytes in the scalar buffer, hashed and compared by content, to find equal scalars.
+struct Span {
+    qsizetype start;
+    qsizetype length;
+};
+
+struct SpanHash {
+    const QByteArray* buffer;
+    std::size_t operator()(const Span& span) const {
+        return qHash(QByteArrayView(buffer->constData() + span.start, span.length));
+    }
+};
+
+struct SpanEqual {
+    const QByteArray* buffer;
+    bool operator()(const Span& a, const Span& b) const {
+        return a.length == b.length && std::memcmp(buffer->constData() + a.start,
+                                                   buffer->constData() + b.start, std::size_t(a.length)) == 0;
+    }
 };
 
 class BinaryWriter {
 public:
-    explicit BinaryWriter(NBPropertyListEncodeFailure* failure) : failure_(failure) {}
+    explicit BinaryWriter(NBPropertyListEncodeFailure* failure)
+        : failure_(failure), shared_(16, SpanHash{&scalars_}, SpanEqual{&scalars_}) {
+        // Enough for a typical log value without growing.
+        objects_.reserve(32);
+        scalars_.reserve(1024);
+    }
 
     std::optional<QByteArray> write(const QVariant& value) {
         std::optional<quint64> top = add(value, 0);
@@ -90,50 +121,57 @@ private:
         return std::nullopt;
     }
 
-    quint64 addScalar(QByteArray head, QByteArray payload = QByteArray()) {
-        QByteArray key = head + payload;
-        auto found = shared_.constFind(key);
-        if (found != shared_.constEnd())
-            return found.value();
-        quint64 index = objects_.size();
-        payloadBytes_ += quint64(head.size() + payload.size());
-        objects_.push_back(Object{std::move(head), std::move(payload), {}, 0, 0});
-        shared_.insert(key, index);
+    // Takes the scalar encoded in the buffer from `start` on: shares an equal one written before, or makes
+    // it a new object.
+    quint64 finishScalar(qsizetype start) {
+        const Span span{start, scalars_.size() - start};
+        auto found = shared_.find(span);
+        if (found != shared_.end()) {
+            scalars_.truncate(start);
+            return found->second;
+        }
+        const quint64 index = objects_.size();
+        objects_.push_back(Object{start, span.length, {}, 0, 0});
+        shared_.emplace(span, index);
         return index;
     }
 
     quint64 addString(const QString& string) {
-        bool ascii = std::all_of(string.begin(), string.end(), [](QChar c) { return c.unicode() < 0x80; });
-        QByteArray head;
-        QByteArray payload;
+        const qsizetype start = scalars_.size();
+        const QChar* units = string.constData();
+        const qsizetype size = string.size();
+        const bool ascii = std::all_of(units, units + size, [](QChar unit) { return unit.unicode() < 0x80; });
+        appendMarker(scalars_, ascii ? 0x50 : 0x60, quint64(size));
+        const qsizetype at = scalars_.size();
+        scalars_.resize(at + (ascii ? size : 2 * size));
+        char* out = scalars_.data() + at;
         if (ascii) {
-            appendMarker(head, 0x50, quint64(string.size()));
-            payload = string.toLatin1();
+            for (qsizetype index = 0; index < size; ++index)
+                out[index] = char(units[index].unicode());
         } else {
-            appendMarker(head, 0x60, quint64(string.size()));
-            payload.resize(string.size() * 2);
-            qToBigEndian<quint16>(string.utf16(), string.size(), payload.data());
+            qToBigEndian<quint16>(units, size, out);
         }
-        return addScalar(std::move(head), std::move(payload));
+        return finishScalar(start);
     }
 
     quint64 addInteger(qint64 value) {
-        QByteArray head;
+        const qsizetype start = scalars_.size();
         if (value < 0) {
-            head.append(char(0x13));
-            appendBigEndian(head, quint64(value), 8);
+            scalars_.append(char(0x13));
+            appendBigEndian(scalars_, quint64(value), 8);
         } else {
             unsigned width = widthForUnsigned(quint64(value));
-            head.append(char(0x10 | std::countr_zero(width)));
-            appendBigEndian(head, quint64(value), width);
+            scalars_.append(char(0x10 | std::countr_zero(width)));
+            appendBigEndian(scalars_, quint64(value), width);
         }
-        return addScalar(std::move(head));
+        return finishScalar(start);
     }
 
-    std::optional<quint64> addContainer(quint8 marker, qsizetype count) {
-        quint64 index = objects_.size();
-        objects_.push_back(Object{{}, {}, {}, marker, quint64(count)});
-        payloadBytes_ += 10;
+    // Makes a container object with room for `references` references, returning its index.
+    quint64 addContainer(quint8 marker, qsizetype count, qsizetype references) {
+        const quint64 index = objects_.size();
+        objects_.push_back(Object{qsizetype(references_.size()), references, {}, marker, quint64(count)});
+        references_.resize(references_.size() + std::size_t(references));
         return index;
     }
 
@@ -148,36 +186,38 @@ private:
         case NBPropertyListKind::Integer:
             return addInteger(value.toLongLong());
         case NBPropertyListKind::UnsignedInteger: {
-            QByteArray head;
-            head.append(char(0x14));
-            appendBigEndian(head, 0, 8);
-            appendBigEndian(head, value.toULongLong(), 8);
-            return addScalar(std::move(head));
+            const qsizetype start = scalars_.size();
+            scalars_.append(char(0x14));
+            appendBigEndian(scalars_, 0, 8);
+            appendBigEndian(scalars_, value.toULongLong(), 8);
+            return finishScalar(start);
         }
         case NBPropertyListKind::Real: {
-            QByteArray head;
-            appendDouble(head, 0x23, value.toDouble());
-            return addScalar(std::move(head));
+            const qsizetype start = scalars_.size();
+            appendDouble(scalars_, 0x23, value.toDouble());
+            return finishScalar(start);
         }
-        case NBPropertyListKind::Boolean:
-            return addScalar(QByteArray(1, char(value.toBool() ? 0x09 : 0x08)));
+        case NBPropertyListKind::Boolean: {
+            const qsizetype start = scalars_.size();
+            scalars_.append(char(value.toBool() ? 0x09 : 0x08));
+            return finishScalar(start);
+        }
         case NBPropertyListKind::Date: {
-            QDateTime date = value.toDateTime();
+            const QDateTime date = value.toDateTime();
             if (!date.isValid())
                 return fail(kNBPropertyListErrorUnrepresentableValue,
                             QStringLiteral("is an invalid QDateTime, which a property list cannot hold"));
-            QByteArray head;
-            appendDouble(head, 0x33, secondsSinceReferenceDate(date));
-            return addScalar(std::move(head));
+            const qsizetype start = scalars_.size();
+            appendDouble(scalars_, 0x33, secondsSinceReferenceDate(date));
+            return finishScalar(start);
         }
         case NBPropertyListKind::Data: {
             // Data is not shared: comparing large blobs would cost more than it saves.
             QByteArray payload = value.toByteArray();
-            QByteArray head;
-            appendMarker(head, 0x40, quint64(payload.size()));
-            quint64 index = objects_.size();
-            payloadBytes_ += quint64(head.size() + payload.size());
-            objects_.push_back(Object{std::move(head), std::move(payload), {}, 0, 0});
+            const qsizetype start = scalars_.size();
+            appendMarker(scalars_, 0x40, quint64(payload.size()));
+            const quint64 index = objects_.size();
+            objects_.push_back(Object{start, scalars_.size() - start, std::move(payload), 0, 0});
             return index;
         }
         case NBPropertyListKind::Array:
@@ -185,46 +225,43 @@ private:
             if (depth >= kNBPropertyListMaximumDepth)
                 return tooDeep();
             const QVariantList list = value.toList();
-            std::optional<quint64> index = addContainer(0xA0, list.size());
-            std::vector<quint64> references;
-            references.reserve(std::size_t(list.size()));
+            const quint64 index = addContainer(0xA0, list.size(), list.size());
             for (qsizetype position = 0; position < list.size(); ++position) {
                 std::optional<quint64> child = add(list[position], depth + 1);
                 if (!child) {
                     failure_->reversedPath << nbPropertyListIndexComponent(position);
                     return std::nullopt;
                 }
-                references.push_back(*child);
+                references_[std::size_t(objects_[index].start + position)] = *child;
             }
-            objects_[*index].references = std::move(references);
             return index;
         }
         case NBPropertyListKind::Dictionary:
         case NBPropertyListKind::HashDictionary: {
             if (depth >= kNBPropertyListMaximumDepth)
                 return tooDeep();
-            bool isMap = value.typeId() == QMetaType::QVariantMap;
-            QVariantMap map;
-            QVariantHash hash;
-            if (isMap)
-                map = value.toMap();
-            else
-                hash = value.toHash();
-            const QStringList keys = nbPropertyListSortedKeys(value);
-            std::optional<quint64> index = addContainer(0xD0, keys.size());
-            std::vector<quint64> references;
-            references.reserve(std::size_t(keys.size()) * 2);
-            for (const QString& key : keys)
-                references.push_back(addString(key));
-            for (const QString& key : keys) {
-                std::optional<quint64> child = add(isMap ? map.value(key) : hash.value(key), depth + 1);
+            // A QVariantMap is walked in its own (sorted) order; a QVariantHash is sorted first.
+            QVariantMap sortedHash;
+            if (value.typeId() == QMetaType::QVariantHash) {
+                const QVariantHash hash = value.toHash();
+                for (auto entry = hash.begin(); entry != hash.end(); ++entry)
+                    sortedHash.insert(entry.key(), entry.value());
+            }
+            const QVariantMap map = value.typeId() == QMetaType::QVariantMap ? value.toMap() : sortedHash;
+            const qsizetype count = map.size();
+            const quint64 index = addContainer(0xD0, count, 2 * count);
+            qsizetype position = 0;
+            for (auto entry = map.begin(); entry != map.end(); ++entry, ++position)
+                references_[std::size_t(objects_[index].start + position)] = addString(entry.key());
+            position = 0;
+            for (auto entry = map.begin(); entry != map.end(); ++entry, ++position) {
+                std::optional<quint64> child = add(entry.value(), depth + 1);
                 if (!child) {
-                    failure_->reversedPath << nbPropertyListKeyComponent(key);
+                    failure_->reversedPath << nbPropertyListKeyComponent(entry.key());
                     return std::nullopt;
                 }
-                references.push_back(*child);
+                references_[std::size_t(objects_[index].start + count + position)] = *child;
             }
-            objects_[*index].references = std::move(references);
             return index;
         }
         }
@@ -240,11 +277,12 @@ private:
     QByteArray serialise(quint64 top) {
         const quint64 count = objects_.size();
         const unsigned referenceSize = minimalWidth(count - 1);
-        QByteArray out;
-        quint64 referenceBytes = 0;
+        quint64 payloadBytes = 0;
         for (const Object& object : objects_)
-            referenceBytes += object.references.size() * referenceSize;
-        out.reserve(qsizetype(kHeaderSize + payloadBytes_ + referenceBytes + count * 8 + kTrailerSize));
+            payloadBytes += quint64(object.payload.size());
+        QByteArray out;
+        out.reserve(qsizetype(kHeaderSize + quint64(scalars_.size()) + payloadBytes +
+                              references_.size() * referenceSize + count * 18 + kTrailerSize));
         out.append(kHeader, kHeaderSize);
         std::vector<quint64> offsets;
         offsets.reserve(count);
@@ -252,15 +290,15 @@ private:
             offsets.push_back(quint64(out.size()));
             if (object.containerMarker) {
                 appendMarker(out, object.containerMarker, object.containerCount);
-                for (quint64 reference : object.references)
-                    appendBigEndian(out, reference, referenceSize);
+                for (qsizetype reference = 0; reference < object.length; ++reference)
+                    appendBigEndian(out, references_[std::size_t(object.start + reference)], referenceSize);
             } else {
-                out.append(object.head);
+                out.append(scalars_.constData() + object.start, object.length);
                 out.append(object.payload);
             }
         }
         const quint64 tableOffset = quint64(out.size());
-        const unsigned offsetSize = minimalWidth(offsets.empty() ? 0 : offsets.back());
+        const unsigned offsetSize = minimalWidth(offsets.back());
         for (quint64 offset : offsets)
             appendBigEndian(out, offset, offsetSize);
         out.append(QByteArray(6, '\0')); // five unused bytes and the sort version
@@ -274,8 +312,9 @@ private:
 
     NBPropertyListEncodeFailure* failure_;
     std::vector<Object> objects_;
-    QHash<QByteArray, quint64> shared_;
-    quint64 payloadBytes_ = 0;
+    QByteArray scalars_;
+    std::vector<quint64> references_;
+    std::unordered_map<Span, quint64, SpanHash, SpanEqual> shared_;
 };
 
 // Reads a binary property list. Every offset, length and reference is checked against the data before it
