@@ -131,8 +131,8 @@ OAKDispatchQueue::~OAKDispatchQueue() {
                 record.timerValue->cancel();
         }
     }
-    if (d->queue && d->queue->context() == this)
-        d->queue->setContext(nullptr);
+    if (d->queue)
+        d->queue->removeContext(this);
 }
 
 // MARK: - Creating queues
@@ -145,7 +145,7 @@ std::shared_ptr<OAKDispatchQueue> OAKDispatchQueue::dispatchQueueWithGCDQueue(st
     result->d->label = queue->label();
     result->d->concurrent = queue->isConcurrent();
     result->d->deadlockBehavior = behavior;
-    queue->setContext(result.get());
+    queue->addContext(result.get());
     result->d->queue = std::move(queue);
     return result;
 }

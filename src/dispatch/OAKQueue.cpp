@@ -6,8 +6,8 @@
 // with three or four queues. Every queue is therefore only a FIFO of jobs (OAKQueue::items_) plus a little
 // state, and all queues share one pool of worker threads (WorkerPool). The pool keeps a FIFO of tasks; a
 // task is either "drain this serial queue" or "run this one block of this concurrent queue". The pool
-// starts threads lazily, up to the machine's parallelism (at least two), so creating 1,000 queues costs no
-// thread and running work on them costs at most the pool.
+// starts threads lazily, up to the machine's parallelism (at least two, at most 32), so creating 1,000 queues
+// costs no thread and running work on them costs at most the pool.
 //
 // Serial queues. A serial queue is "owned" by at most one party at a time: a worker draining it, or a
 // synchronous caller running its block. Enqueuing onto an unowned queue takes ownership and hands one
@@ -117,7 +117,7 @@ namespace {
 class WorkerPool final : public OAKQueueExecutor {
 public:
     explicit WorkerPool(OAKTimerThread& timers)
-        : parallelism_(std::max(2u, std::thread::hardware_concurrency())), timers_(timers) {}
+        : parallelism_(std::clamp(std::thread::hardware_concurrency(), 2u, 32u)), timers_(timers) {}
 
     void submit(std::shared_ptr<OAKQueue> queue, OAKJob job, bool barrier) override {
         bool pokeWatchdog = false;
@@ -541,6 +541,18 @@ std::shared_ptr<OAKQueue> OAKQueue::globalQueue() {
     static auto* const queue = new std::shared_ptr<OAKQueue>(new OAKQueue(
         Kind::Concurrent, QStringLiteral("org.quillon.Quillon.global-default"), &runtime().pool, false));
     return *queue;
+}
+
+void OAKQueue::addContext(void* context) {
+    std::lock_guard lock(mutex_);
+    contexts_.push_back(context);
+    context_.store(context, std::memory_order_release);
+}
+
+void OAKQueue::removeContext(void* context) {
+    std::lock_guard lock(mutex_);
+    std::erase(contexts_, context);
+    context_.store(contexts_.empty() ? nullptr : contexts_.back(), std::memory_order_release);
 }
 
 void* OAKQueue::currentContext() {

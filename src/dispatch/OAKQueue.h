@@ -17,6 +17,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <vector>
 
 using OAKJob = std::function<void()>;
 
@@ -56,8 +57,10 @@ public:
         syncImpl(&invokeCallable<std::remove_reference_t<Callable>>, erase(callable), true);
     }
 
-    // The queue's specific value (the wrapping object). Read on any thread; set when wrapping.
-    void setContext(void* context) { context_.store(context, std::memory_order_release); }
+    // The queue's specific value (the wrapping object), read on any thread. A queue wrapped again takes
+    // the newer wrapper's value; when that wrapper goes away, the one before it is the value again.
+    void addContext(void* context);
+    void removeContext(void* context);
     void* context() const { return context_.load(std::memory_order_acquire); }
 
     // The context of the queue whose block runs on this thread, or null outside any queue.
@@ -105,6 +108,7 @@ private:
     OAKQueueExecutor* const executor_;
     const bool isMain_;
     std::atomic<void*> context_{nullptr};
+    std::vector<void*> contexts_; // guarded by mutex_
 
     std::mutex mutex_;
     std::deque<Item> items_;

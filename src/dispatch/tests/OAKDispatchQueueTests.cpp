@@ -10,8 +10,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -253,6 +255,45 @@ TEST(OAKDispatchQueue, AThousandQueuesCostNoThreads) {
     ASSERT_TRUE(waitUntil([&] { return done.load() == 1000; }));
     // The pool may grow to the machine's parallelism, far below one thread per queue.
     EXPECT_LT(threadCount() - before, 70);
+}
+
+TEST(OAKDispatchQueue, BlocksThatWaitForEachOtherAllRunEvenBeyondThePoolSize) {
+    const int count = int(std::clamp(std::thread::hardware_concurrency(), 2u, 32u)) + 4;
+    // Each block waits on a lock of its own until all have started: the pool must notice the stall and
+    // add threads, or they would wait forever.
+    std::mutex mutex;
+    std::condition_variable allStarted;
+    int started = 0;
+    std::atomic<int> finished = 0;
+    std::vector<Queue> queues;
+    for (int index = 0; index < count; ++index) {
+        queues.push_back(OAKDispatchQueue::dispatchQueueWithLabel(QStringLiteral("waiting%1").arg(index)));
+        queues.back()->dispatchAsynchronously([&] {
+            std::unique_lock lock(mutex);
+            ++started;
+            allStarted.notify_all();
+            allStarted.wait_for(lock, std::chrono::seconds(60), [&] { return started == count; });
+            ++finished;
+        });
+    }
+    ASSERT_TRUE(waitUntil([&] { return finished.load() == count; }, 60));
+
+    // The same through synchronous dispatches: every block waits on one busy queue.
+    Queue shared = OAKDispatchQueue::dispatchQueueWithLabel(QStringLiteral("shared"));
+    std::atomic<int> arrived = 0;
+    std::atomic<int> passed = 0;
+    shared->dispatchAsynchronously([&] {
+        const double deadline = OAKDispatchQueue::_now() + 60;
+        while (arrived.load() < count && OAKDispatchQueue::_now() < deadline)
+            sleepSeconds(0.001);
+    });
+    for (const Queue& queue : queues) {
+        queue->dispatchAsynchronously([&] {
+            ++arrived;
+            shared->dispatchSynchronously([&] { ++passed; });
+        });
+    }
+    ASSERT_TRUE(waitUntil([&] { return passed.load() == count; }, 60));
 }
 
 TEST(OAKDispatchQueue, MainQueueRunsItsBlocksOnTheMainThread) {
