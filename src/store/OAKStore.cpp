@@ -245,10 +245,26 @@ bool OAKStore::refuseOnMemoryQueue(const char* method) const {
 // MARK: - Notifications
 
 void OAKStore::postNotificationWithName(const QString& name, const QVariantMap& userInfo) {
-    const void* sender = this;
-    notificationQueue_->dispatchAsynchronously([name, userInfo, sender] {
-        NBNotificationCenter::defaultCenter().postNotificationName(name, sender, userInfo);
-    });
+    bool wasEmpty = false;
+    {
+        std::lock_guard lock(pendingNotificationsMutex_);
+        wasEmpty = pendingNotifications_.empty();
+        pendingNotifications_.push_back({name, userInfo});
+    }
+    // Notifications wait in one list that a single step on the notification queue delivers in order: a burst
+    // of edits wakes the queue once, not once per edit.
+    if (wasEmpty)
+        notificationQueue_->dispatchAsynchronously([this] { deliverPendingNotifications(); });
+}
+
+void OAKStore::deliverPendingNotifications() {
+    std::vector<std::pair<QString, QVariantMap>> notifications;
+    {
+        std::lock_guard lock(pendingNotificationsMutex_);
+        notifications.swap(pendingNotifications_);
+    }
+    for (const auto& [name, userInfo] : notifications)
+        NBNotificationCenter::defaultCenter().postNotificationName(name, this, userInfo);
 }
 
 void OAKStore::postDidChangeNotificationWithUserInfo(const QVariantMap& userInfo) {

@@ -236,6 +236,7 @@ private:
         QByteArray blob;
     };
     void enqueueRows(std::vector<PendingRow> rows);
+    void deliverPendingNotifications();
     void writePendingRows();
     void setValues(const QVariantMap& values);
     bool checkBlobPath(const QString& path, const char* method, const char* parameter, const char* verb,
@@ -277,4 +278,6 @@ protected:
 private:
     std::mutex pendingRowsMutex_;
     std::vector<PendingRow> pendingRows_;
+    std::mutex pendingNotificationsMutex_;
+    std::vector<std::pair<QString, QVariantMap>> pendingNotifications_;
 };
