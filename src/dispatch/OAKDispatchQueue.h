@@ -1,7 +1,8 @@
 // Serial and concurrent queues with a queue stack, a deadlock guard and named one-shot timers.
 //
 // PUBLIC INTERFACE (fixed: the store engine and the library are written against it). The implementation
-// design (shared worker pool, timer thread, main-queue thread) is described where it is implemented.
+// design (shared worker pool, timer thread, main-queue thread) is described where it is implemented, at the
+// top of dispatch/OAKQueue.cpp; the queue stack and timers at the top of dispatch/OAKDispatchQueue.cpp.
 #pragma once
 
 #include <QString>
