@@ -51,6 +51,14 @@ NBPropertyListKind nbPropertyListKind(const QVariant& value) {
     }
 }
 
+bool nbPropertyListDateIsWritable(const QDateTime& date) {
+    if (!date.isValid())
+        return false;
+    const qint64 msecs = date.toMSecsSinceEpoch();
+    return msecs >= kNBPropertyListReferenceDateMSecs - kNBPropertyListMaximumDateOffsetMSecs &&
+           msecs <= kNBPropertyListReferenceDateMSecs + kNBPropertyListMaximumDateOffsetMSecs;
+}
+
 QStringList nbPropertyListSortedKeys(const QVariant& dictionary) {
     if (dictionary.typeId() == QMetaType::QVariantMap)
         return dictionary.toMap().keys(); // QMap keeps its keys sorted
@@ -64,6 +72,8 @@ QString nbPropertyListTypeDescription(const QVariant& value) {
         return QStringLiteral("a null QVariant");
     if (value.typeId() == QMetaType::QDateTime && !value.toDateTime().isValid())
         return QStringLiteral("an invalid QDateTime");
+    if (value.typeId() == QMetaType::QDateTime && !nbPropertyListDateIsWritable(value.toDateTime()))
+        return QStringLiteral("a QDateTime too far from the year 2001");
     QString name = QString::fromLatin1(value.typeName());
     bool vowel = !name.isEmpty() && QStringLiteral("aeiouAEIOU").contains(name.front());
     return (vowel ? QStringLiteral("an ") : QStringLiteral("a ")) + name;
@@ -97,7 +107,7 @@ bool isValueAtDepth(const QVariant& value, int depth) {
     case NBPropertyListKind::Unsupported:
         return false;
     case NBPropertyListKind::Date:
-        return value.toDateTime().isValid();
+        return nbPropertyListDateIsWritable(value.toDateTime());
     case NBPropertyListKind::Array: {
         if (depth >= kNBPropertyListMaximumDepth)
             return false;

@@ -204,9 +204,10 @@ private:
         }
         case NBPropertyListKind::Date: {
             const QDateTime date = value.toDateTime();
-            if (!date.isValid())
+            if (!nbPropertyListDateIsWritable(date))
                 return fail(kNBPropertyListErrorUnrepresentableValue,
-                            QStringLiteral("is an invalid QDateTime, which a property list cannot hold"));
+                            QStringLiteral("is %1, which a property list cannot hold")
+                                .arg(nbPropertyListTypeDescription(value)));
             const qsizetype start = scalars_.size();
             appendDouble(scalars_, 0x33, secondsSinceReferenceDate(date));
             return finishScalar(start);
@@ -604,8 +605,7 @@ private:
     }
 
     static std::optional<QDateTime> dateForSeconds(double seconds) {
-        // Beyond about 285 000 years the milliseconds no longer fit QDateTime's range.
-        constexpr double limit = 9.0e12;
+        constexpr double limit = double(kNBPropertyListMaximumDateOffsetMSecs) / 1000.0;
         if (!std::isfinite(seconds) || std::fabs(seconds) > limit)
             return std::nullopt;
         qint64 msecs = std::llround(seconds * 1000.0);

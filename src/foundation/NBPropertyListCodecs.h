@@ -29,6 +29,13 @@ NBPropertyListKind nbPropertyListKind(const QVariant& value);
 // Milliseconds between the Unix epoch and 2001-01-01 00:00:00 UTC, the reference date of property lists.
 inline constexpr qint64 kNBPropertyListReferenceDateMSecs = 978307200000;
 
+// Dates are kept within this many milliseconds (about 285 000 years) of the reference date: the writers
+// refuse dates beyond, and the readers too, so that whatever is read can be written again.
+inline constexpr qint64 kNBPropertyListMaximumDateOffsetMSecs = 9'000'000'000'000'000;
+
+// True when the date is valid and within the range above.
+bool nbPropertyListDateIsWritable(const QDateTime& date);
+
 // The keys of a dictionary value (QVariantMap or QVariantHash) in sorted order, with a way to get each
 // value; the writers use it so that both kinds of dictionary are written alike.
 QStringList nbPropertyListSortedKeys(const QVariant& dictionary);

@@ -149,9 +149,10 @@ private:
             return true;
         case NBPropertyListKind::Date: {
             const QDateTime date = value.toDateTime();
-            if (!date.isValid())
+            if (!nbPropertyListDateIsWritable(date))
                 return fail(kNBPropertyListErrorUnrepresentableValue,
-                            QStringLiteral("is an invalid QDateTime, which a property list cannot hold"));
+                            QStringLiteral("is %1, which a property list cannot hold")
+                                .arg(nbPropertyListTypeDescription(value)));
             writer_.writeTextElement(QStringLiteral("date"), formatDate(date));
             return true;
         }
@@ -285,10 +286,10 @@ std::optional<QDateTime> parseDate(const QString& text) {
     const QTime time{int(*hour), int(*minute), int(*second)};
     if (!date.isValid() || !time.isValid())
         return std::nullopt;
-    QDateTime result(date, time, Qt::UTC);
-    if (!result.isValid())
+    const QDateTime result = QDateTime(date, time, Qt::UTC).addMSecs(msecs);
+    if (!nbPropertyListDateIsWritable(result))
         return std::nullopt;
-    return result.addMSecs(msecs);
+    return result;
 }
 
 std::optional<QVariant> parseInteger(const QString& text) {

@@ -299,14 +299,17 @@ TEST(NBPropertyListFixtures, EveryTruncationGivesAValueOrAnError) {
     }
 }
 
-RC_GTEST_PROP(NBPropertyListFixtures, CorruptedBinaryGivesAValueOrAnError, ()) {
-    static const QByteArray original = fixture("plistlib-sample.binary.plist");
-    RC_PRE(!original.isEmpty());
+RC_GTEST_PROP(NBPropertyListFixtures, CorruptedFilesGiveAValueOrAnError, ()) {
+    static const QByteArray binary = fixture("plistlib-sample.binary.plist");
+    static const QByteArray xml = fixture("plistlib-sample.xml.plist");
+    RC_PRE(!binary.isEmpty() && !xml.isEmpty());
+    const QByteArray& original = *rc::gen::arbitrary<bool>() ? binary : xml;
     QByteArray data = original;
     const auto changes = *rc::gen::container<std::vector<std::pair<std::size_t, unsigned char>>>(
         rc::gen::pair(rc::gen::inRange<std::size_t>(0, std::size_t(original.size())),
                       rc::gen::arbitrary<unsigned char>()));
-    // Corruption is most telling in the trailer and offset table, so half the changes land near the end.
+    // Corruption is most telling in a binary file's trailer and offset table, so half the changes land near
+    // the end.
     for (const auto& [position, byte] : changes) {
         const std::size_t at =
             position % 2 == 0 ? position : std::size_t(original.size()) - 1 - position % 64;

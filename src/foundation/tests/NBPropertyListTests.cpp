@@ -301,6 +301,11 @@ TEST(NBPropertyList, ValuesThatAreNotPropertyListsAreRefusedWithWhereAndWhat) {
         {QVariantMap{{QStringLiteral("when"), QDateTime()}}, kNBPropertyListErrorUnrepresentableValue,
          QStringLiteral(
              "The value at key 'when' is an invalid QDateTime, which a property list cannot hold.")},
+        {QVariantList{QDateTime(QDate(1000000, 1, 1), QTime(0, 0), Qt::UTC)},
+         kNBPropertyListErrorUnrepresentableValue,
+         QStringLiteral(
+             "The value at index 0 is a QDateTime too far from the year 2001, which a property list "
+             "cannot hold.")},
         {deep, kNBPropertyListErrorUnrepresentableValue, QString()},
     };
     for (NBPropertyListFormat format : {NBPropertyListFormat::Binary, NBPropertyListFormat::XML}) {
@@ -405,6 +410,7 @@ TEST(NBPropertyList, XMLReaderRefusesMalformedDocuments) {
         {"<plist><date>2024-02-30T00:00:00Z</date></plist>", kNBPropertyListErrorDamagedXML},
         {"<plist><date>2024-02-01T00:00:00</date></plist>", kNBPropertyListErrorDamagedXML},
         {"<plist><date>0000-01-01T00:00:00Z</date></plist>", kNBPropertyListErrorDamagedXML},
+        {"<plist><date>999999999-01-01T00:00:00Z</date></plist>", kNBPropertyListErrorDamagedXML},
         {"<plist><data>AA*=</data></plist>", kNBPropertyListErrorDamagedXML},
         {"<plist><dict><key>a</key></dict></plist>", kNBPropertyListErrorDamagedXML},
         {"<plist><dict><string>a</string><true/></dict></plist>", kNBPropertyListErrorDamagedXML},
@@ -428,6 +434,17 @@ TEST(NBPropertyList, XMLReaderRefusesMalformedDocuments) {
         EXPECT_EQ(error.domain(), QStringLiteral("NBPropertyList"));
         EXPECT_EQ(error.code(), c.code) << c.xml << ": " << error.description().toStdString();
     }
+    // Entities that expand into billions of characters are refused, not expanded.
+    QByteArray laughs = "<?xml version=\"1.0\"?><!DOCTYPE plist [<!ENTITY l0 \"ha\">";
+    for (int level = 1; level < 10; ++level)
+        laughs += QStringLiteral("<!ENTITY l%1 \"%2\">")
+                      .arg(level)
+                      .arg(QStringLiteral("&l%1;").arg(level - 1).repeated(10))
+                      .toUtf8();
+    laughs += "]><plist><string>&l9;</string></plist>";
+    NBError laughsError;
+    EXPECT_FALSE(propertyListWithData(laughs, &laughsError));
+    EXPECT_EQ(laughsError.code(), kNBPropertyListErrorDamagedXML);
     // Nesting beyond the limit is refused without exhausting the stack.
     QByteArray deep = QByteArray("<plist>") + QByteArray("<array>").repeated(100000);
     NBError error;
@@ -448,8 +465,8 @@ TEST(NBPropertyList, XMLWriterWritesTheStandardDocument) {
     ASSERT_TRUE(data);
     const QString xml = QString::fromUtf8(*data);
     const char* expectedPieces[] = {
-        "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" "
-        "\"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n<plist version=\"1.0\">\n<dict>\n",
+        ("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" "
+         "\"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n<plist version=\"1.0\">\n<dict>\n"),
         "<dict>\n\t<key>count</key>\n\t<integer>-3</integer>\n",
         "<array/>",
         "<key>name</key>\n\t<string>R&amp;D &lt;lab&gt;</string>",
