@@ -30,6 +30,9 @@
 
 #include <vector>
 
+// The QTextCharFormat property that marks the pop style, which has no character format of its own.
+inline constexpr int NBPopTextFormatProperty = QTextFormat::UserProperty + 0x4E42;
+
 class QTextCursor;
 class QTextDocument;
 class QTextDocumentFragment;
@@ -125,6 +128,9 @@ protected:
     QString string_;
     std::vector<StoredRun> runs_;
 };
+
+// Decodes HTML character references (named, decimal, hexadecimal); unknown ones stay as text.
+QString nbDecodeHTMLCharacterReferences(QStringView text);
 
 // The editable form. Editing keeps the runs normalised.
 class NBMutableStyledString : public NBStyledString {

@@ -272,7 +272,8 @@ RC_GTEST_PROP(NBDay, FormsRoundTrip, (int year, int month, int day, qint64 anyRe
 }
 
 RC_GTEST_PROP(NBDay, ReadersAcceptAnyText, (const std::string& bytes, std::uint64_t integer)) {
-    const QString text = QString::fromUtf8(bytes.data(), qsizetype(bytes.size()));
+    const QString text = QString::fromUtf8(bytes.data(), qsizetype(bytes.size())) + *rc::gen::element<QString>(
+        "", "2024,month:3,day:7", "٢٠٢٤,month:٣,day:٧", "99999999999,month:1,day:1", "1,month:99,day:999");
     for (const QString& candidate : {text, text + "}", "{year:" + text + "}", "{day:" + text + "}"}) {
         const NBDay day = NBDay::dayWithStringRepresentation(candidate);
         if (!day.isNull())

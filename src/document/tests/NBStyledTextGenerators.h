@@ -37,6 +37,26 @@ inline rc::Gen<QString> genText() {
                         });
 }
 
+// Text that looks like the formats the readers take, often malformed: tag pieces, entities, colour text,
+// Markdown markers, links and white space, mixed with arbitrary bytes read as UTF-8.
+inline rc::Gen<QString> genMarkupLikeText() {
+    static const std::vector<QString> pieces = {
+        "<", ">", "</", "/", "b", "i", "sup", "c#", "h#", "FF0000", "0f0", "12345", "#", "pop", "a", "a href=\"",
+        "\"", "'", "&", "&amp;", "&lt;", "&#x1F600;", "&#0;", "&alpha", ";", "<br>", "<p>", "</p>", "<pre>",
+        "<td>", "<tr>", "<!--", "-->", "<!", "<script>", "</script>", "style=\"", "font-weight:bold", "color:",
+        "rgb(1,2", ")", "white-space:pre", "*", "**", "_", "~", "~~", "^", "[", "](", "<http://x.org>", "`",
+        "\\", " ", "  ", "\n", "\t", "\r", "x", "é", "😀", "{day:", "{year:", ",month:", ",day:", "}", "٣", "-"};
+    return rc::gen::map(
+        rc::gen::pair(rc::gen::container<std::vector<int>>(rc::gen::inRange<int>(0, int(pieces.size()))),
+                      rc::gen::arbitrary<std::string>()),
+        [](const std::pair<std::vector<int>, std::string>& drawn) {
+            QString text;
+            for (int index : drawn.first)
+                text += pieces[std::size_t(index)];
+            return text + QString::fromUtf8(drawn.second.data(), qsizetype(drawn.second.size()));
+        });
+}
+
 // Which styles the random runs may carry: the markup keeps every style; rich text and HTML cannot show the
 // any-colour styles, and show superscript and subscript as one vertical position.
 enum class StyleRange { Markup, RichText, Markdown };
