@@ -35,7 +35,8 @@
 // dictionary keys are strings, and that no object contains itself. Shared objects are decoded once. A file
 // nested deeper than kNBPropertyListMaximumDepth containers, or whose shared containers would unfold into
 // more than kNBPropertyListMaximumUnfoldedObjects values, is refused. Objects that are not property-list
-// values (null, sets, UIDs, URLs, integers beyond 64 bits) are refused with their own error code.
+// values (null, sets, UIDs, URLs, integers beyond 64 bits) are refused with their own error code. In both
+// formats a dictionary key given twice keeps its last value.
 //
 // XML property list: the usual `<?xml version="1.0" encoding="UTF-8"?>`, the Apple DOCTYPE and
 // `<plist version="1.0">` holding one value: <dict> (alternating <key> and value), <array>, <string>,
@@ -46,7 +47,13 @@
 // digits or a minus sign, counted as QDate counts them, without a year zero) and <data> (base64). XML
 // cannot hold some characters (most control characters, U+FFFE, U+FFFF, unpaired surrogates): strings
 // holding them are refused by the XML writer (the binary format holds them). Carriage returns are written as
-// "&#13;" so that they read back as they were.
+// "&#13;" so that they read back as they were. Some other readers (Python's plistlib) refuse fractional
+// seconds in XML dates; files meant for them should hold whole seconds. The reader also takes a bare value
+// without the plist element, comments, and documents in any encoding QXmlStreamReader knows (UTF-16 with
+// a byte-order mark, say); it expands no external entities, and internal ones only up to Qt's limit.
+//
+// Dates are kept to the millisecond (QDateTime's precision; the binary double would hold microseconds near
+// 2001) and within about 285 000 years of 2001; both writers refuse dates beyond, and both readers too.
 #pragma once
 
 #include "foundation/NBError.h"

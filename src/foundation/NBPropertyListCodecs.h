@@ -36,8 +36,8 @@ inline constexpr qint64 kNBPropertyListMaximumDateOffsetMSecs = 9'000'000'000'00
 // True when the date is valid and within the range above.
 bool nbPropertyListDateIsWritable(const QDateTime& date);
 
-// The keys of a dictionary value (QVariantMap or QVariantHash) in sorted order, with a way to get each
-// value; the writers use it so that both kinds of dictionary are written alike.
+// The keys of a dictionary value (QVariantMap or QVariantHash) in sorted order, so that both kinds of
+// dictionary are written alike.
 QStringList nbPropertyListSortedKeys(const QVariant& dictionary);
 
 // Describes the QVariant type of a value for messages: "a QUrl", "a null QVariant", "an invalid QDateTime".
