@@ -5,7 +5,7 @@
 // QDateTime (date, kept in UTC), QByteArray (data), QVariantList (array) and QVariantMap (dictionary with
 // string keys). Values are stored in logs as binary property lists; information files are XML property
 // lists. Anything else (a null QVariant, a QUrl, a QPoint...) is not a property-list value: the encoders
-// refuse it with an error and encode nothing.
+// refuse it with an error and encode nothing. Every function here is reentrant: call it from any thread.
 //
 // Also accepted on input, for convenience: float (written as a double), QStringList (an array of strings)
 // and QVariantHash (a dictionary, written with its keys sorted). They are read back as double, QVariantList
