@@ -59,12 +59,19 @@
 #include <QSet>
 #include <QString>
 #include <QStringList>
+#include <QTextFormat>
 #include <QVariant>
 #include <QVariantMap>
 
 #include <optional>
 
+class QTextBlock;
 class QTextDocument;
+
+// A QTextListFormat property naming a list's marker format explicitly ("{hyphen}", "{diamond}",
+// "({decimal})"), for markers that QTextListFormat's styles cannot express; importers set it, and it wins
+// over the style.
+inline constexpr int NBTextListMarkerFormatProperty = QTextFormat::UserProperty + 0x4E4C;
 
 inline constexpr const char* kNBParagraphTypeKey = "type";
 inline constexpr const char* kNBParagraphContentKey = "content";
@@ -164,6 +171,11 @@ public:
     static NBParagraph paragraphFromLineWithAttributedString(const QTextDocument& document, int location,
                                                              int length, const QList<qreal>& tabIndents);
     static QList<qreal> tabIndentsForAttributedString(const QTextDocument& document);
+    // The marker format of the list a block belongs to: NBTextListMarkerFormatProperty when set; "{check}"
+    // or "{box}" for a checked or unchecked item; else "{disc}", "{circle}", "{square}" or, for numbered
+    // styles, the list's number prefix, "{decimal}", "{lower-alpha}", "{upper-alpha}", "{lower-roman}" or
+    // "{upper-roman}", and its number suffix. Empty outside a list and for a list without markers.
+    static QString markerFormatForTextBlock(const QTextBlock& block);
 
     // ---- Lists and the outline (what the document runs over its paragraphs in order) ----
     // Numbers the numbered items: sets listItemIndex of every number paragraph (0 for the first item of a
