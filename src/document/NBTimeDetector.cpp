@@ -5,6 +5,8 @@
 
 #include <QLoggingCategory>
 
+#include <limits>
+
 #include <unicode/regex.h>
 #include <unicode/uchar.h>
 #include <unicode/unistr.h>
@@ -144,32 +146,40 @@ UChar32 codePointAt(const QChar* characters, qsizetype length, qsizetype index, 
     return unit;
 }
 
-// The characters (as DigitFollower bits) that follow some run of digits of the text, after optional
-// blanks; none when the text holds no digit, since every pattern needs one.
-unsigned digitFollowersInText(const QString& text) {
+// What a scan of the prepared text finds out before any search: the characters (as DigitFollower bits)
+// that follow some run of digits, after optional blanks (none when the text holds no digit, since every
+// pattern needs one), and where each run of digits begins.
+struct DigitScan {
+    unsigned followers = 0;
+    std::vector<int32_t> runStarts;
+};
+
+DigitScan scanDigits(const QString& text) {
+    DigitScan scan;
     const QChar* characters = text.constData();
     const qsizetype length = text.size();
-    unsigned followers = 0;
     bool inDigits = false;
     qsizetype next = 0;
     for (qsizetype index = 0; index < length; index = next) {
         const UChar32 codePoint = codePointAt(characters, length, index, next);
         if (isDecimalDigit(codePoint)) {
+            if (!inDigits)
+                scan.runStarts.push_back(static_cast<int32_t>(index));
             inDigits = true;
             continue;
         }
         if (!inDigits)
             continue;
         inDigits = false;
-        qsizetype scanNext = 0;
-        for (qsizetype scan = index; scan < length; scan = scanNext) {
-            const UChar32 following = codePointAt(characters, length, scan, scanNext);
-            followers |= followerBitsForCodePoint(following);
-            if (!isBlankForScan(following))
+        qsizetype followingNext = 0;
+        for (qsizetype following = index; following < length; following = followingNext) {
+            const UChar32 followingCodePoint = codePointAt(characters, length, following, followingNext);
+            scan.followers |= followerBitsForCodePoint(followingCodePoint);
+            if (!isBlankForScan(followingCodePoint))
                 break;
         }
     }
-    return followers;
+    return scan;
 }
 
 // Steps 1 to 3 of the search: blanks around the text and around ",", "(" and ")", then the number words.
@@ -199,36 +209,41 @@ QString preparedText(const QString& string) {
 // Matchers hold per-search state, so they are never shared between threads. Creating one costs more than
 // a search over a paragraph, so each thread keeps one matcher per pattern of the detector's own table and
 // resets it for every text.
-std::vector<std::unique_ptr<icu::RegexMatcher>>&
-matchersOfThisThread(const std::vector<NBDurationPattern>& table) {
-    thread_local std::vector<std::unique_ptr<icu::RegexMatcher>> matchers;
-    if (matchers.size() != table.size()) {
-        matchers.clear();
-        for (const NBDurationPattern& entry : table) {
-            UErrorCode status = U_ZERO_ERROR;
-            std::unique_ptr<icu::RegexMatcher> matcher(entry.regularExpression->matcher(status));
-            if (U_FAILURE(status))
-                matcher.reset();
-            matchers.push_back(std::move(matcher));
-        }
+using Matchers = std::vector<std::unique_ptr<icu::RegexMatcher>>;
+
+Matchers matchersForTable(const std::vector<NBDurationPattern>& table) {
+    Matchers matchers;
+    for (const NBDurationPattern& entry : table) {
+        UErrorCode status = U_ZERO_ERROR;
+        std::unique_ptr<icu::RegexMatcher> matcher(entry.regularExpression->matcher(status));
+        if (U_FAILURE(status))
+            matcher.reset();
+        matchers.push_back(std::move(matcher));
     }
     return matchers;
 }
 
-} // namespace
-
-namespace {
+Matchers& matchersOfThisThread(const std::vector<NBDurationPattern>& detectorPatterns) {
+    thread_local Matchers matchers = matchersForTable(detectorPatterns);
+    return matchers;
+}
 
 // The detector's own table, and for each of its entries the DigitFollower bits its matches need.
 struct DetectorTable {
     std::vector<NBDurationPattern> patterns;
     std::vector<unsigned> digitFollowers;
+    // Patterns that begin with "(\\d+)": a match of one of them can only begin where a run of digits
+    // begins. Were a match to begin inside a run, the whole run would match as well and begin earlier;
+    // so the first match is found by trying the runs' beginnings in order. A plain search would also try
+    // every digit inside a run, and on a run of thousands of digits its retries grow with the square of
+    // the run's length.
+    std::vector<bool> beginsWithDigitRun;
 };
 
 const DetectorTable& detectorTable() {
     // Never destroyed: threads may still be searching while the process exits.
     static const DetectorTable* const table = [] {
-        auto* built = new DetectorTable{NBTimeDetector::compilePatterns(patternSpecifications()), {}};
+        auto* built = new DetectorTable{NBTimeDetector::compilePatterns(patternSpecifications()), {}, {}};
         for (const NBDurationPattern& entry : built->patterns) {
             unsigned followers = 0;
             for (const DetectorPattern& specification : kDetectorPatterns) {
@@ -239,6 +254,7 @@ const DetectorTable& detectorTable() {
                 nbRaiseAssertion(lcTimeDetector(),
                                  nbFormat("no digit follower for pattern '%@'", entry.pattern));
             built->digitFollowers.push_back(followers);
+            built->beginsWithDigitRun.push_back(entry.pattern.startsWith(QLatin1String("(\\d+)")));
         }
         return built;
     }();
@@ -296,40 +312,53 @@ std::optional<NBTime>
 NBTimeDetector::firstMatchForDurationInString(const QString& string,
                                               const std::vector<NBDurationPattern>& patterns) {
     const QString text = preparedText(string);
+    // ICU counts positions in 32 bits.
+    if (text.size() > std::numeric_limits<int32_t>::max())
+        return std::nullopt;
     const DetectorTable& ownTable = detectorTable();
     const bool isDetectorTable = &patterns == &ownTable.patterns;
     // For the detector's own table, patterns whose first digits cannot be followed by what they need are
-    // not searched; a text without digits is not searched at all.
-    const unsigned followers = isDetectorTable ? digitFollowersInText(text) : ~0u;
-    if (followers == 0)
-        return std::nullopt;
+    // not searched, and a text without digits is not searched at all.
+    DigitScan scan;
+    if (isDetectorTable) {
+        scan = scanDigits(text);
+        if (scan.followers == 0)
+            return std::nullopt;
+    }
 
     const icu::UnicodeString input = unicodeStringAliasing(text);
     // Matchers of a table other than the detector's own (tests build their own) live for this call only.
-    std::vector<std::unique_ptr<icu::RegexMatcher>> callMatchers;
-    std::vector<std::unique_ptr<icu::RegexMatcher>>& matchers =
-        isDetectorTable ? matchersOfThisThread(patterns) : callMatchers;
-    if (!isDetectorTable) {
-        for (const NBDurationPattern& entry : patterns) {
-            UErrorCode status = U_ZERO_ERROR;
-            std::unique_ptr<icu::RegexMatcher> matcher(entry.regularExpression->matcher(status));
-            if (U_FAILURE(status))
-                matcher.reset();
-            callMatchers.push_back(std::move(matcher));
+    Matchers callMatchers;
+    if (!isDetectorTable)
+        callMatchers = matchersForTable(patterns);
+    Matchers& matchers = isDetectorTable ? matchersOfThisThread(patterns) : callMatchers;
+    // The first match of a pattern: a plain search, or for the detector's patterns that begin with a run of
+    // digits, an anchored match at each run's beginning in turn (see DetectorTable).
+    const auto findFirstMatch = [&](size_t patternIndex, icu::RegexMatcher& matcher) {
+        UErrorCode status = U_ZERO_ERROR;
+        if (!isDetectorTable || !ownTable.beginsWithDigitRun[patternIndex]) {
+            matcher.reset(input);
+            return matcher.find(status) && U_SUCCESS(status);
         }
-    }
+        matcher.reset(input);
+        for (const int32_t runStart : scan.runStarts) {
+            if (matcher.lookingAt(runStart, status) && U_SUCCESS(status))
+                return true;
+            status = U_ZERO_ERROR;
+        }
+        return false;
+    };
 
     std::array<QString, 3> slots = {QStringLiteral("0"), QStringLiteral("0"), QStringLiteral("0")};
     std::array<bool, 3> filled = {false, false, false};
     int filledCount = 0;
     for (size_t patternIndex = 0; patternIndex < patterns.size() && filledCount < 3; ++patternIndex) {
         icu::RegexMatcher* matcher = matchers[patternIndex].get();
-        if (!matcher || (isDetectorTable && (ownTable.digitFollowers[patternIndex] & followers) == 0))
+        if (!matcher || (isDetectorTable && (ownTable.digitFollowers[patternIndex] & scan.followers) == 0))
+            continue;
+        if (!findFirstMatch(patternIndex, *matcher))
             continue;
         UErrorCode status = U_ZERO_ERROR;
-        matcher->reset(input);
-        if (!matcher->find(status) || U_FAILURE(status))
-            continue;
         const int groupCount = matcher->groupCount();
         for (size_t slot = 0; slot < 3; ++slot) {
             if (filled[slot])
