@@ -6,12 +6,18 @@
 //   quillon store changes <package> [--since <timestamp>]     [{"timestamp", "parentTimestamp", "key",
 //                                                               "value", "device"}] in ascending order
 //   quillon store devices <package>                            {device: most recent timestamp}
+//   quillon store merge <destination> <source> --device <id> [--unsafe <id>]...
+//                                                              merge another copy of a store into this one
+//   quillon store watch <package> --device <id>                one JSON line per change and sync
+//                                                              notification, until interrupted
 //
-// Every command but `set` opens the package read-only: nothing inside it is created or changed. Values are
-// printed and read in the JSON form described in StoreCommand.h. JSON is written and parsed here rather than
-// with QJsonDocument because QJsonDocument reads 1.0 as the integer 1, and a real must stay a real.
+// Every command but `set` and `merge` (which writes into the destination only) opens the package read-only:
+// nothing inside it is created or changed. Values are printed and read in the JSON form described in
+// StoreCommand.h. JSON is written and parsed here rather than with QJsonDocument because QJsonDocument
+// reads 1.0 as the integer 1, and a real must stay a real.
 #include "cli/StoreCommand.h"
 
+#include "foundation/NBNotificationCenter.h"
 #include "foundation/NBPropertyList.h"
 #include "foundation/NBTimestamp.h"
 #include "store/OAKStore.h"
@@ -23,8 +29,13 @@
 #include <QRegularExpression>
 #include <QTimeZone>
 
+#include <QThread>
+
+#include <atomic>
 #include <charconv>
 #include <cmath>
+#include <csignal>
+#include <future>
 #include <iostream>
 
 namespace {
@@ -541,6 +552,91 @@ void runDevices(const std::string& package) {
     store->tearDownNow();
 }
 
+void runMerge(const std::string& destinationArgument, const std::string& sourceArgument,
+              const std::string& device, const std::vector<std::string>& unsafe) {
+    const QString deviceIdentifier = QString::fromStdString(device);
+    if (!OAKStore::isValidDeviceIdentifier(deviceIdentifier))
+        failCommand(QStringLiteral("not a valid device identifier: \"%1\"").arg(deviceIdentifier));
+    for (const std::string& argument : {destinationArgument, sourceArgument}) {
+        const QString path = absolutePackagePath(argument);
+        if (!QFileInfo::exists(path))
+            failCommand(QStringLiteral("no such package: %1").arg(path));
+        if (!QFileInfo(path).isDir() || !isPackage(path))
+            failCommand(QStringLiteral("not a package (no \"%1\" folder): %2")
+                            .arg(QLatin1String(OAKDevicesDirectoryName), path));
+    }
+    QStringList unsafeDevices;
+    for (const std::string& identifier : unsafe)
+        unsafeDevices << QString::fromStdString(identifier);
+    // The source is only read.
+    OAKStoreOptions readOnly;
+    readOnly.readOnly = true;
+    auto source = std::make_shared<CommandStore>(QUrl::fromLocalFile(absolutePackagePath(sourceArgument)),
+                                                 deviceIdentifier, readOnly);
+    auto destination = std::make_shared<CommandStore>(
+        QUrl::fromLocalFile(absolutePackagePath(destinationArgument)), deviceIdentifier);
+    destination->loadNow();
+    if (!destination->loaded())
+        failCommand(QStringLiteral("could not open the package: %1").arg(destination->storePath()));
+    std::promise<std::optional<NBError>> finished;
+    destination->mergeStore(source, unsafeDevices,
+                            [&finished](const std::optional<NBError>& error) { finished.set_value(error); });
+    const std::optional<NBError> error = finished.get_future().get();
+    destination->tearDownNow();
+    source->tearDownNow();
+    if (error)
+        failCommand(error->description());
+}
+
+std::atomic<bool> interrupted{false};
+
+void runWatch(const std::string& package, const std::string& device) {
+    const QString deviceIdentifier = QString::fromStdString(device);
+    if (!OAKStore::isValidDeviceIdentifier(deviceIdentifier))
+        failCommand(QStringLiteral("not a valid device identifier: \"%1\"").arg(deviceIdentifier));
+    const QString path = absolutePackagePath(package);
+    if (!QFileInfo::exists(path))
+        failCommand(QStringLiteral("no such package: %1").arg(path));
+    if (!QFileInfo(path).isDir() || !isPackage(path))
+        failCommand(QStringLiteral("not a package (no \"%1\" folder): %2")
+                        .arg(QLatin1String(OAKDevicesDirectoryName), path));
+    // Watching only reads: the device's own folder is neither created nor watched.
+    OAKStoreOptions options;
+    options.readOnly = true;
+    auto store = std::make_shared<CommandStore>(QUrl::fromLocalFile(path), deviceIdentifier, options);
+    std::mutex outputMutex;
+    NBScopedObserver observer(
+        NBNotificationCenter::defaultCenter(),
+        NBNotificationCenter::defaultCenter().addObserverForName(
+            QString(), store.get(), [&outputMutex](const NBNotification& notification) {
+                QString line;
+                if (notification.name == QLatin1String(OAKStoreDidChangeNotification)) {
+                    const QVariantMap values =
+                        notification.userInfo.value(QString::fromUtf8(OAKStoreValuesKey)).toMap();
+                    const QVariantMap timestamps =
+                        notification.userInfo.value(QString::fromUtf8(OAKStoreTimestampsKey)).toMap();
+                    line = object({{"notification", stringJSON(notification.name)},
+                                   {"values", storeJSONFromPropertyList(values)},
+                                   {"timestamps", storeJSONFromPropertyList(timestamps)}});
+                } else if (notification.name == QLatin1String(OAKStoreDidSyncNotification) ||
+                           notification.name == QLatin1String(OAKStoreDidDeleteNotification)) {
+                    line = object({{"notification", stringJSON(notification.name)}});
+                } else {
+                    return;
+                }
+                std::lock_guard lock(outputMutex);
+                print(line);
+            }));
+    store->loadNow();
+    if (!store->loaded())
+        failCommand(QStringLiteral("could not load the package: %1").arg(path));
+    std::signal(SIGINT, [](int) { interrupted = true; });
+    std::signal(SIGTERM, [](int) { interrupted = true; });
+    while (!interrupted && !store->deleted())
+        QThread::msleep(50);
+    store->tearDownNow();
+}
+
 } // namespace
 
 QString storeJSONFromPropertyList(const QVariant& value) {
@@ -589,4 +685,21 @@ void addStoreCommand(CLI::App& app) {
     CLI::App* devices = store->add_subcommand("devices", "Print every device's most recent timestamp.");
     devices->add_option("package", arguments->package, "The package folder")->required();
     devices->callback([arguments] { runDevices(arguments->package); });
+
+    auto sources = std::make_shared<std::pair<std::string, std::vector<std::string>>>();
+    CLI::App* merge = store->add_subcommand("merge", "Merge another copy of a store into this one.");
+    merge->add_option("destination", arguments->package, "The package merged into")->required();
+    merge->add_option("source", sources->first, "The other copy (only read)")->required();
+    merge->add_option("--device", arguments->device, "The local device's identifier")->required();
+    merge->add_option("--unsafe", sources->second, "A device whose history in the copies may differ");
+    merge->callback([arguments, sources] {
+        runMerge(arguments->package, sources->first, arguments->device, sources->second);
+    });
+
+    CLI::App* watch =
+        store->add_subcommand("watch", "Print one JSON line per change and sync until interrupted.");
+    watch->add_option("package", arguments->package, "The package folder")->required();
+    watch->add_option("--device", arguments->device, "The local device, whose own changes are not reported")
+        ->required();
+    watch->callback([arguments] { runWatch(arguments->package, arguments->device); });
 }

@@ -6,6 +6,7 @@
 #include "foundation/NBNotificationCenter.h"
 #include "foundation/NBPropertyList.h"
 #include "store/OAKStoreLogging.h"
+#include "store/OAKStoreWatcher.h"
 
 #include <QDir>
 #include <QFile>
@@ -98,6 +99,7 @@ OAKStore::~OAKStore() {
     // Blocks on the queues refer to this object: let every one of them finish before the members go. A store
     // released without tear-down still saves what it holds, so no edit is lost to a forgotten tearDown.
     databaseQueue_->dispatchSynchronously([this] {
+        stopWatching();
         const unsigned timerCount = databaseQueue_->timerCount();
         if (timerCount > 0) {
             qCWarning(lcStore).noquote()
@@ -479,6 +481,9 @@ void OAKStore::_load() {
             << nbFormat("Could not load managed object context and sync store at path '%@'", storePath());
         return;
     }
+    // The package is watched before the logs are read, so a foreign change made while they are read is
+    // reported and read by a sync soon after, never lost in between.
+    startWatching();
     syncStep(false);
     loaded_ = true;
     postNotificationWithName(QString::fromUtf8(OAKStoreDidLoadNotification));
@@ -620,6 +625,9 @@ void OAKStore::_tearDownDatabase() {
     if (!checkDatabaseQueue("_tearDownDatabase"))
         return;
     _closeDatabase();
+    stopWatching();
+    databaseQueue_->cancelTimerWithName(QStringLiteral("sync_delay"));
+    databaseQueue_->cancelTimerWithName(QStringLiteral("sync_coalesce"));
     databaseTimestamps_.clear();
     // The in-memory view is emptied with the database: the next load must read every key again, so the key
     // bookkeeping that bounds what a sync reads goes too.
@@ -670,12 +678,12 @@ bool OAKStore::openDatabaseContext(NBError* outError) {
             reportOpenFailureOnce(path, error);
     }
     databaseContextOpen_ = true;
-    refreshOpenLogs();
+    refreshStoreList();
     closeDatabaseSoon();
     return true;
 }
 
-void OAKStore::refreshOpenLogs() {
+void OAKStore::refreshStoreList() {
     if (!checkDatabaseQueue("refreshStoreList") || !databaseContextOpen_)
         return;
     // In read-only mode every device's log, the local one included, is a read-only log.
@@ -703,6 +711,82 @@ void OAKStore::refreshOpenLogs() {
     }
     if (!options_.readOnly && readonlyDatabases_.count(deviceIdentifier_))
         nbRaiseAssertion(lcStore(), QStringLiteral("Inconsistent tracking of persistent stores"));
+
+    if (watcherToken_ == 0)
+        return;
+    // The package, its "devices" folder and every device folder but the local one, whether or not its log
+    // could be opened: a log still being copied is read once its folder reports it whole.
+    QStringList folders{storePath()};
+    const QString devices = storePath() + QLatin1Char('/') + QLatin1String(OAKDevicesDirectoryName);
+    if (QFileInfo(devices).isDir())
+        folders << devices;
+    for (const QString& identifier : present) {
+        if (identifier != deviceIdentifier_)
+            folders << directoryPathForDeviceIdentifier(identifier);
+    }
+    if (folders == watchedFolders_)
+        return;
+    const bool added = !watchedFolders_.isEmpty() &&
+                       std::any_of(folders.begin(), folders.end(),
+                                   [&](const QString& folder) { return !watchedFolders_.contains(folder); });
+    OAKStoreWatcher::shared().setWatchedFolders(watcherToken_, folders);
+    watchedFolders_ = folders;
+    // A log written into a new folder before its watch existed is read by one more sync.
+    if (added)
+        syncSoon();
+}
+
+void OAKStore::startWatching() {
+    if (!checkDatabaseQueue("startWatching") || inMemory_ || watcherToken_ != 0)
+        return;
+    const std::weak_ptr<OAKStore> weakStore = weak_from_this();
+    if (weakStore.expired())
+        return; // not owned by a shared_ptr: nothing can hand it reports safely
+    watcherToken_ = OAKStoreWatcher::shared().registerHandler([weakStore](const QStringList& paths) {
+        if (const std::shared_ptr<OAKStore> store = weakStore.lock())
+            store->respondToFileSystemEventWithPaths(paths);
+    });
+    watchedFolders_.clear();
+    refreshStoreList();
+}
+
+void OAKStore::stopWatching() {
+    if (watcherToken_ == 0)
+        return;
+    OAKStoreWatcher::shared().unregisterHandler(watcherToken_);
+    watcherToken_ = 0;
+    watchedFolders_.clear();
+}
+
+void OAKStore::respondToFileSystemEventWithPaths(const QStringList& paths) {
+    if (deleted_ || inMemory_)
+        return;
+    if (!QFileInfo(storePath()).isDir()) {
+        accommodatePresentedItemDeletion();
+        return;
+    }
+    const QString local = deviceIdentifier_.isEmpty() ? QString() : readwriteDirectoryPath();
+    for (const QString& path : paths) {
+        if (!local.isEmpty() && (path == local || path.startsWith(local + QLatin1Char('/'))))
+            continue; // the store wrote it itself
+        syncSoon();
+        return;
+    }
+}
+
+void OAKStore::accommodatePresentedItemDeletion() {
+    if (deleted_.exchange(true))
+        return;
+    databaseQueue_->dispatchAsynchronously([this] {
+        stopWatching();
+        // A deleted store is not saved: closing drops what was not saved.
+        _closeDatabase();
+        databaseQueue_->cancelTimerWithName(QStringLiteral("sync_delay"));
+        databaseQueue_->cancelTimerWithName(QStringLiteral("sync_coalesce"));
+        databaseTimestamps_.clear();
+        keyTimestamps_.clear();
+    });
+    postNotificationWithName(QString::fromUtf8(OAKStoreDidDeleteNotification));
 }
 
 std::vector<std::pair<QString, OAKStoreLog*>> OAKStore::openLogs() const {
@@ -719,7 +803,77 @@ std::vector<std::pair<QString, OAKStoreLog*>> OAKStore::openLogs() const {
 void OAKStore::_sync() {
     if (!checkDatabaseQueue("_sync"))
         return;
+    databaseQueue_->cancelTimerWithName(QStringLiteral("sync_delay"));
+    databaseQueue_->cancelTimerWithName(QStringLiteral("sync_coalesce"));
+    if (!loaded_ || deleted_ || inMemory_)
+        return;
     syncStep(true);
+    postNotificationWithName(QString::fromUtf8(OAKStoreDidSyncNotification));
+}
+
+void OAKStore::sync() {
+    syncSoon();
+}
+
+void OAKStore::syncSoon() {
+    if (inMemory_)
+        return;
+    databaseQueue_->scheduleTimerWithName(QStringLiteral("sync_delay"), options_.timings.syncDelay,
+                                          OAKTimerBehaviorDelay, [this] { _sync(); });
+    databaseQueue_->scheduleTimerWithName(QStringLiteral("sync_coalesce"), options_.timings.syncCoalesce,
+                                          OAKTimerBehaviorCoalesce, [this] { _sync(); });
+}
+
+void OAKStore::syncNow() {
+    if (refuseOnMemoryQueue("syncNow"))
+        return;
+    databaseQueue_->dispatchSynchronously([this] { _sync(); });
+}
+
+std::optional<OAKSyncedValue> OAKStore::syncedPropertyListValueForKey(const QString& key) {
+    return syncedPropertyListValueForKey(key, timestampForDistantFuture());
+}
+
+std::optional<OAKSyncedValue> OAKStore::syncedPropertyListValueForKey(const QString& key,
+                                                                      NBTimestamp timestamp) {
+    std::optional<OAKSyncedValue> synced;
+    if (inMemory_ || refuseOnMemoryQueue("syncedPropertyListValueForKey:timestamp:"))
+        return synced;
+    databaseQueue_->dispatchSynchronously([&] {
+        writePendingRows();
+        if (!openDatabaseContext(nullptr))
+            return;
+        refreshStoreList();
+        const std::optional<NBTimestamp> maximum =
+            timestamp == timestampForDistantFuture() ? std::nullopt : std::optional<NBTimestamp>(timestamp);
+        std::optional<OAKLogRow> newest;
+        QString newestDevice;
+        OAKStoreLog* newestLog = nullptr;
+        for (const auto& [identifier, log] : openLogs()) {
+            std::optional<OAKLogRow> row;
+            NBError error;
+            if (!log->fetchNewestRowForKey(key, maximum, row, &error)) {
+                reportOpenFailureOnce(log->path(), error);
+                continue;
+            }
+            if (row && (!newest || row->timestamp > newest->timestamp)) {
+                newest = std::move(row);
+                newestDevice = identifier;
+                newestLog = log;
+            }
+        }
+        if (newest && newest->blob) {
+            NBError error;
+            if (std::optional<QVariant> value = propertyListWithData(*newest->blob, &error))
+                synced = OAKSyncedValue{std::move(*value), newest->timestamp, newestDevice};
+            else
+                qCWarning(lcStore).noquote()
+                    << nbFormat("Error deserializing blob data:\nrow: %@\ndatabase: %@\nerror: %@",
+                                newest->description(), newestLog->path(), error.description());
+        }
+        closeDatabaseSoon();
+    });
+    return synced;
 }
 
 bool OAKStore::syncStep(bool announce) {
@@ -728,7 +882,7 @@ bool OAKStore::syncStep(bool announce) {
     NBError error;
     if (!openDatabaseContext(&error))
         return false;
-    refreshOpenLogs();
+    refreshStoreList();
     writePendingRows();
 
     const std::optional<QSet<QString>> relevant = relevantKeysForSync();
@@ -959,7 +1113,7 @@ std::vector<OAKChange> OAKStore::changesSinceTimestamp(NBTimestamp timestamp) {
         _save(nullptr);
         if (!openDatabaseContext(nullptr))
             return;
-        refreshOpenLogs();
+        refreshStoreList();
         const std::optional<NBTimestamp> bound =
             timestamp == timestampForDistantPast() ? std::nullopt : std::optional<NBTimestamp>(timestamp);
         for (const auto& [identifier, log] : openLogs()) {

@@ -23,6 +23,27 @@
 // is destroyed with work pending saves what it holds, logs the unexpected timer count, and drains its
 // queues. A store must not be destroyed from one of its own queues.
 //
+// Other devices. Foreign logs are read again by the sync step (sync, syncSoon, syncNow): timers on the
+// database queue run it 1 s after the last foreign change and at most 15 s after the first. What triggers
+// it on Linux: there is no file presenter or file coordinator here, so a loaded store watches its own
+// package with inotify, through one process-wide watcher thread (store/OAKStoreWatcher.h): the package
+// folder (the package going away means the store was deleted: OAKStoreDidDeleteNotification, database
+// closed), the "devices" folder (a device appearing or going away) and every foreign device folder (their
+// logs changing, in place or replaced by a rename). The local device's folder is not watched, and a change
+// reported inside it does nothing: the store wrote it itself. Every other report calls syncSoon; watch
+// callbacks only schedule and never read logs. Coordination between writers is SQLite's own file locking
+// (a writer in another process on this machine holds its lock only for a commit; readers read in batches
+// of 1,000 rows in short transactions), and across machines no coordination is needed, because every log
+// has one writer. What protects a reader from a log that a file-synchronisation service is still copying:
+// a foreign log that is missing, half-written, locked or unreadable is left out of this sync step with its
+// error logged once, its bookkeeping untouched, and it is read again at the next sync (which its next
+// change triggers); a log replaced under its name is reopened. It is never fatal.
+//
+// Merging. mergeStore() merges the package of another copy of the same store into this one (see there).
+// It is the one operation that writes into foreign device folders of the destination package: it replaces
+// a device's log by the union of both copies, keeping the previous log as "logs.db-old" until the new one
+// is saved.
+//
 // Subclassing. NBDocument derives from OAKStore and overrides the hooks below: relevantKeysForSync() (which
 // keys the in-memory view holds after a sync) and applySyncChangeWithValues() (how values read from the logs
 // reach the view). className() names the subclass in messages.
@@ -31,6 +52,7 @@
 #include "dispatch/OAKDispatchQueue.h"
 #include "foundation/NBError.h"
 #include "foundation/NBTimestamp.h"
+#include "store/OAKLogRepresentation.h"
 #include "store/OAKStoreLog.h"
 
 #include <QHash>
@@ -84,6 +106,13 @@ struct OAKStoreTimings {
     double closeDelay = 60.0;   // "close_database": after the last activity
     double syncDelay = 1.0;     // "sync_delay": after the last foreign change
     double syncCoalesce = 15.0; // "sync_coalesce": at most after the first foreign change
+};
+
+// One key's value as read from the logs (syncedPropertyListValueForKey).
+struct OAKSyncedValue {
+    QVariant value;
+    NBTimestamp timestamp = 0;
+    QString deviceIdentifier;
 };
 
 struct OAKStoreOptions {
@@ -153,6 +182,29 @@ public:
     void closeDatabaseSoon();
     void closeDatabaseNow();
 
+    // Sync with other devices' logs.
+    void sync();
+    void syncSoon();
+    void syncNow();
+    // The newest value of `key` in the logs (at or before `timestamp`), whatever the in-memory view holds.
+    std::optional<OAKSyncedValue> syncedPropertyListValueForKey(const QString& key);
+    std::optional<OAKSyncedValue> syncedPropertyListValueForKey(const QString& key, NBTimestamp timestamp);
+
+    // Merges the package of `mergedStore` (another copy of this store, with the same local device) into
+    // this one. Logs of devices named in `unsafeDeviceIdentifiers` are kept as they are here; the entries
+    // only the merged copy holds for them go to the log of the device "<local>|<unsafe>". Afterwards the
+    // store reloads and announces the values that became newer. The completion handler is called once, on
+    // the global queue, with no error or with the first error (codes 1498, 1508, 1704, 1722, 1764).
+    void mergeStore(const std::shared_ptr<OAKStore>& mergedStore, const QStringList& unsafeDeviceIdentifiers,
+                    std::function<void(const std::optional<NBError>& error)> completionHandler);
+
+    // File-change reports (from the package watcher, or any equivalent source): each changed path leads to
+    // the check described above. Only schedules work.
+    void respondToFileSystemEventWithPaths(const QStringList& paths);
+    // The package was deleted: marks the store deleted, closes the database, posts
+    // OAKStoreDidDeleteNotification.
+    void accommodatePresentedItemDeletion();
+
     // Values.
     QVariant propertyListValueForKey(const QString& key) const;
     // The value if it is of `type` (integers of any width count as one type); on mismatch logs, fills
@@ -214,8 +266,9 @@ protected:
     void _closeDatabase();
     void _tearDownDatabase();
     bool openDatabaseContext(NBError* outError);
-    // Opens foreign logs that appeared and drops those that went away or were replaced.
-    void refreshOpenLogs();
+    // Opens foreign logs that appeared and drops those that went away or were replaced, and keeps the
+    // package watcher's folders in step.
+    void refreshStoreList();
     // The sync step: reads what the logs hold beyond what was read before and applies newer values to the
     // in-memory view (announcing them when `announce`). Returns true when some value changed.
     bool syncStep(bool announce);
@@ -223,6 +276,19 @@ protected:
     std::vector<std::pair<QString, OAKStoreLog*>> openLogs() const;
     // Device folders present in the package, the local one included.
     QStringList allDeviceIdentifiersOnDisk() const;
+
+    // Merging (database queue).
+    // Every row of the log at `path`, sorted; empty when there is no file, none when it cannot be read.
+    std::optional<std::vector<OAKLogRepresentation>>
+    _sortedLogRepresentationsFromDatabasePath(const QString& path) const;
+    bool _replacePersistentStoreWithDeviceIdentifier(const QString& deviceIdentifier,
+                                                     const std::vector<OAKLogRepresentation>& representations,
+                                                     NBError* outError);
+    void _mergeBlobsFromStore(const OAKStore& mergedStore);
+
+    // Watching the package (database queue).
+    void startWatching();
+    void stopWatching();
 
     // Memory-queue steps.
     void _tearDown();
@@ -274,6 +340,8 @@ protected:
     QHash<QString, QString> reportedOpenFailures_; // path -> message already logged
     std::size_t unwrittenRowCount_ = 0;            // rows that found no writable log since the last save
     std::atomic<unsigned long long> saveCommitCount_{0};
+    unsigned long long watcherToken_ = 0;
+    QStringList watchedFolders_;
 
 private:
     std::mutex pendingRowsMutex_;

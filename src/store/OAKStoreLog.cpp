@@ -201,7 +201,8 @@ bool OAKStoreLog::fileWasReplaced() const {
 }
 
 bool OAKStoreLog::insertRow(NBTimestamp timestamp, std::optional<NBTimestamp> parentTimestamp,
-                            const QString& key, const QByteArray& blob, NBError* outError) {
+                            const std::optional<QString>& key, const std::optional<QByteArray>& blob,
+                            NBError* outError) {
     if (mode_ != Mode::ReadWrite || !d->insert)
         return nbFail(outError, NBError::errorWithObject(
                                     kDomain, 150, nbFormat("The log at path '%@' is read-only", path_)));
@@ -211,9 +212,16 @@ bool OAKStoreLog::insertRow(NBTimestamp timestamp, std::optional<NBTimestamp> pa
             inTransaction_ = true;
         }
         SQLite::Statement& insert = *d->insert;
-        insert.bind(1, blob.constData(), int(blob.size()));
-        const QByteArray keyBytes = key.toUtf8();
-        insert.bind(2, std::string(keyBytes.constData(), std::size_t(keyBytes.size())));
+        if (blob)
+            insert.bind(1, blob->constData(), int(blob->size()));
+        else
+            insert.bind(1);
+        if (key) {
+            const QByteArray keyBytes = key->toUtf8();
+            insert.bind(2, std::string(keyBytes.constData(), std::size_t(keyBytes.size())));
+        } else {
+            insert.bind(2);
+        }
         insert.bind(3, std::int64_t(timestamp));
         if (parentTimestamp)
             insert.bind(4, std::int64_t(*parentTimestamp));

@@ -103,8 +103,9 @@ public:
     bool fileWasReplaced() const;
 
     // Writing (ReadWrite only). Rows go into an open transaction that save() commits.
-    bool insertRow(NBTimestamp timestamp, std::optional<NBTimestamp> parentTimestamp, const QString& key,
-                   const QByteArray& blob, NBError* outError);
+    bool insertRow(NBTimestamp timestamp, std::optional<NBTimestamp> parentTimestamp,
+                   const std::optional<QString>& key, const std::optional<QByteArray>& blob,
+                   NBError* outError);
     bool hasUncommittedRows() const { return inTransaction_; }
     bool save(NBError* outError);
 

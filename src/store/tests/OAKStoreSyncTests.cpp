@@ -1,0 +1,467 @@
+// Tests of sync between devices (through the package watcher, across processes, in random orders) and of
+// merging two copies of a store.
+#include "StoreTestSupport.h"
+
+#include "foundation/NBPropertyList.h"
+#include "foundation/testing/NBMessageCapture.h"
+#include "foundation/testing/NBTemporaryDirectory.h"
+
+#include <QProcess>
+#include <gtest/gtest.h>
+#include <rapidcheck/gtest.h>
+
+#include <future>
+
+namespace {
+
+QString packagePath(const NBTemporaryDirectory& directory,
+                    const QString& name = QStringLiteral("Package.nbexperiment")) {
+    return directory.filePath(name);
+}
+
+OAKStoreOptions fastSync(double delay, double coalesce) {
+    OAKStoreOptions options;
+    options.timings.syncDelay = delay;
+    options.timings.syncCoalesce = coalesce;
+    return options;
+}
+
+TEST(OAKStoreSync, ForeignSaveReachesAnotherStoreThroughTheWatcher) {
+    NBTemporaryDirectory directory;
+    const QString package = packagePath(directory);
+    auto writer = AllKeysStore::open(package, QStringLiteral("writer"));
+    writer->loadNow();
+    writer->setPropertyListValue(QStringLiteral("first"), QStringLiteral("title"));
+    ASSERT_TRUE(writer->saveNow());
+    auto reader = AllKeysStore::open(package, QStringLiteral("reader"));
+    reader->loadNow();
+    NotificationRecorder recorder(reader.get());
+    EXPECT_EQ(reader->propertyListValueForKey(QStringLiteral("title")).toString(), QStringLiteral("first"));
+
+    writer->setPropertyListValue(QStringLiteral("second"), QStringLiteral("title"));
+    ASSERT_TRUE(writer->saveNow());
+    EXPECT_TRUE(waitFor(
+        [&] { return reader->propertyListValueForKey(QStringLiteral("title")) == QStringLiteral("second"); },
+        8));
+    EXPECT_TRUE(waitFor([&] { return recorder.count(OAKStoreDidSyncNotification) >= 1; }, 5));
+    const auto changes = recorder.notifications(QString::fromUtf8(OAKStoreDidChangeNotification));
+    ASSERT_FALSE(changes.empty());
+    EXPECT_EQ(
+        changes[0].userInfo.value(QStringLiteral("values")).toMap().value(QStringLiteral("title")).toString(),
+        QStringLiteral("second"));
+    // The reader's value carries the writer's timestamp.
+    EXPECT_EQ(reader->mostRecentTimestampForKey(QStringLiteral("title")),
+              writer->mostRecentTimestampForKey(QStringLiteral("title")));
+    const auto synced = reader->syncedPropertyListValueForKey(QStringLiteral("title"));
+    ASSERT_TRUE(synced.has_value());
+    EXPECT_EQ(synced->deviceIdentifier, QStringLiteral("writer"));
+    const auto earlier =
+        reader->syncedPropertyListValueForKey(QStringLiteral("title"), synced->timestamp - 1);
+    ASSERT_TRUE(earlier.has_value());
+    EXPECT_EQ(earlier->value.toString(), QStringLiteral("first"));
+    writer->tearDownNow();
+    reader->tearDownNow();
+}
+
+TEST(OAKStoreSync, DeviceAppearingAfterLoadIsRead) {
+    NBTemporaryDirectory directory;
+    const QString package = packagePath(directory);
+    auto reader = AllKeysStore::open(package, QStringLiteral("reader"), fastSync(0.3, 5));
+    reader->loadNow();
+    ASSERT_TRUE(reader->loaded());
+    auto newcomer = AllKeysStore::open(package, QStringLiteral("newcomer"));
+    newcomer->setPropertyListValue(qint64(7), QStringLiteral("count"));
+    ASSERT_TRUE(newcomer->saveNow());
+    EXPECT_TRUE(waitFor(
+        [&] { return reader->propertyListValueForKey(QStringLiteral("count")).toLongLong() == 7; }, 8));
+    // Later writes into the new device's folder are seen too.
+    newcomer->setPropertyListValue(qint64(8), QStringLiteral("count"));
+    ASSERT_TRUE(newcomer->saveNow());
+    EXPECT_TRUE(waitFor(
+        [&] { return reader->propertyListValueForKey(QStringLiteral("count")).toLongLong() == 8; }, 8));
+    EXPECT_EQ(reader->mostRecentTimestampsByDeviceIdentifier().count(QStringLiteral("newcomer")), 1u);
+    newcomer->tearDownNow();
+    reader->tearDownNow();
+}
+
+TEST(OAKStoreSync, BurstOfForeignChangesGivesOneSyncAfterTheLast) {
+    NBTemporaryDirectory directory;
+    const QString package = packagePath(directory);
+    auto writer = AllKeysStore::open(package, QStringLiteral("writer"));
+    writer->setPropertyListValue(qint64(0), QStringLiteral("counter"));
+    ASSERT_TRUE(writer->saveNow());
+    auto reader = AllKeysStore::open(package, QStringLiteral("reader"), fastSync(0.8, 30));
+    reader->loadNow();
+    NotificationRecorder recorder(reader.get());
+    for (int index = 1; index <= 10; ++index) {
+        writer->setPropertyListValue(qint64(index), QStringLiteral("counter"));
+        ASSERT_TRUE(writer->saveNow());
+        QThread::msleep(100);
+    }
+    EXPECT_EQ(recorder.count(OAKStoreDidSyncNotification), 0u) << "synced while the burst went on";
+    EXPECT_TRUE(waitFor([&] { return recorder.count(OAKStoreDidSyncNotification) == 1; }, 8));
+    QThread::msleep(1500);
+    EXPECT_EQ(recorder.count(OAKStoreDidSyncNotification), 1u);
+    EXPECT_EQ(reader->propertyListValueForKey(QStringLiteral("counter")).toLongLong(), 10);
+    writer->tearDownNow();
+    reader->tearDownNow();
+}
+
+TEST(OAKStoreSync, ContinuousForeignChangesAreSyncedAtLeastEveryCoalesceInterval) {
+    NBTemporaryDirectory directory;
+    const QString package = packagePath(directory);
+    auto writer = AllKeysStore::open(package, QStringLiteral("writer"));
+    writer->setPropertyListValue(qint64(0), QStringLiteral("counter"));
+    ASSERT_TRUE(writer->saveNow());
+    auto reader = AllKeysStore::open(package, QStringLiteral("reader"), fastSync(0.8, 1.5));
+    reader->loadNow();
+    NotificationRecorder recorder(reader.get());
+    std::vector<std::size_t> syncsOverTime;
+    for (int index = 1; index <= 60; ++index) {
+        writer->setPropertyListValue(qint64(index), QStringLiteral("counter"));
+        ASSERT_TRUE(writer->saveNow());
+        QThread::msleep(100);
+        syncsOverTime.push_back(recorder.count(OAKStoreDidSyncNotification));
+    }
+    EXPECT_GE(syncsOverTime.back(), 2u);
+    for (std::size_t index = 40; index < syncsOverTime.size(); ++index)
+        EXPECT_GT(syncsOverTime[index], syncsOverTime[index - 40])
+            << "no sync for 4 s before change " << index;
+    writer->tearDownNow();
+    reader->tearDownNow();
+}
+
+TEST(OAKStoreSync, LocalFolderNeverTriggersASync) {
+    NBTemporaryDirectory directory;
+    const QString package = packagePath(directory);
+    auto store = AllKeysStore::open(package, QStringLiteral("local"), fastSync(0.2, 1));
+    store->loadNow();
+    NotificationRecorder recorder(store.get());
+    for (int index = 0; index < 5; ++index) {
+        store->setPropertyListValue(qint64(index), QStringLiteral("counter"));
+        ASSERT_TRUE(store->saveNow());
+        QThread::msleep(100);
+    }
+    ASSERT_TRUE(writeFile(package + QStringLiteral("/devices/local/notes.txt"), QByteArray("touched")));
+    QThread::msleep(1500);
+    EXPECT_EQ(recorder.count(OAKStoreDidSyncNotification), 0u);
+    // A file appearing in another device's folder does trigger one.
+    ASSERT_TRUE(writeFile(package + QStringLiteral("/devices/other/notes.txt"), QByteArray("touched")));
+    EXPECT_TRUE(waitFor([&] { return recorder.count(OAKStoreDidSyncNotification) >= 1; }, 8));
+    store->tearDownNow();
+}
+
+TEST(OAKStoreSync, DeletedPackageMarksTheStoreDeleted) {
+    NBTemporaryDirectory directory;
+    const QString package = packagePath(directory);
+    auto store = AllKeysStore::open(package, QStringLiteral("local"));
+    store->loadNow();
+    store->setPropertyListValue(qint64(1), QStringLiteral("counter"));
+    ASSERT_TRUE(store->saveNow());
+    NotificationRecorder recorder(store.get());
+    ASSERT_TRUE(QDir(package).removeRecursively());
+    EXPECT_TRUE(waitFor([&] { return recorder.count(OAKStoreDidDeleteNotification) == 1; }, 8));
+    EXPECT_TRUE(store->deleted());
+    NBError error;
+    EXPECT_FALSE(store->saveNow(&error));
+    EXPECT_EQ(error.localizedDescription(), QStringLiteral("Cannot save deleted store"));
+    EXPECT_FALSE(QFileInfo::exists(package));
+}
+
+TEST(OAKStoreSync, TwoProcessesWritingOnePackageLoseNothing) {
+    NBTemporaryDirectory directory;
+    const QString package = packagePath(directory);
+    const int writes = 400;
+    std::vector<std::unique_ptr<QProcess>> writers;
+    for (const QString& device : {QStringLiteral("first"), QStringLiteral("second")}) {
+        auto writer = std::make_unique<QProcess>();
+        writer->start(QStringLiteral(QUILLON_STORE_TEST_WRITER),
+                      {package, device, QString::number(writes), QStringLiteral("key"),
+                       QStringLiteral("--keys"), QStringLiteral("40"), QStringLiteral("--save-every"),
+                       QStringLiteral("10")});
+        writers.push_back(std::move(writer));
+    }
+    for (auto& writer : writers) {
+        ASSERT_TRUE(writer->waitForFinished(120000));
+        ASSERT_EQ(writer->exitCode(), 0) << writer->readAllStandardError().toStdString();
+    }
+    auto store = AllKeysStore::open(package, QStringLiteral("reader"));
+    store->loadNow();
+    const std::vector<OAKChange> changes = store->changesSinceTimestamp(timestampForDistantPast());
+    ASSERT_EQ(changes.size(), std::size_t(2 * writes));
+    std::map<QString, std::set<qint64>> sequences;
+    std::map<QString, const OAKChange*> newest;
+    for (const OAKChange& change : changes) {
+        sequences[change.deviceIdentifier].insert(
+            change.propertyList.toMap().value(QStringLiteral("sequence")).toLongLong());
+        const OAKChange*& known = newest[change.key];
+        if (!known || change.timestamp > known->timestamp)
+            known = &change;
+    }
+    EXPECT_EQ(sequences[QStringLiteral("first")].size(), std::size_t(writes));
+    EXPECT_EQ(sequences[QStringLiteral("second")].size(), std::size_t(writes));
+    const QVariantMap values = store->allRelevantValues();
+    ASSERT_EQ(values.size(), 40);
+    for (const auto& [key, change] : newest)
+        EXPECT_TRUE(propertyListValuesEqual(values.value(key), change->propertyList)) << key.toStdString();
+    store->tearDownNow();
+}
+
+TEST(OAKStoreSync, ForeignLogDamagedWhileLoadedIsServedAroundAndPickedUpAgain) {
+    NBTemporaryDirectory directory;
+    const QString package = packagePath(directory);
+    auto foreign = AllKeysStore::open(package, QStringLiteral("foreign"));
+    foreign->setPropertyListValue(QStringLiteral("one"), QStringLiteral("title"));
+    ASSERT_TRUE(foreign->saveNow());
+    foreign->tearDownNow();
+    foreign.reset();
+    const QString log = package + QStringLiteral("/devices/foreign/logs.db");
+    const QByteArray whole = readFile(log);
+
+    auto reader = AllKeysStore::open(package, QStringLiteral("reader"));
+    reader->loadNow();
+    ASSERT_EQ(reader->propertyListValueForKey(QStringLiteral("title")).toString(), QStringLiteral("one"));
+    // A sync service replaces the log with garbage, then truncates it in place.
+    NBMessageCapture capture;
+    const QString temporary = log + QStringLiteral(".partial");
+    ASSERT_TRUE(writeFile(temporary, QByteArray(4096, '\x5a')));
+    ASSERT_EQ(std::rename(temporary.toLocal8Bit().constData(), log.toLocal8Bit().constData()), 0);
+    reader->syncNow();
+    EXPECT_EQ(reader->propertyListValueForKey(QStringLiteral("title")).toString(), QStringLiteral("one"));
+    ASSERT_TRUE(writeFile(log, whole.left(whole.size() / 2)));
+    reader->syncNow();
+    EXPECT_EQ(reader->propertyListValueForKey(QStringLiteral("title")).toString(), QStringLiteral("one"));
+    EXPECT_TRUE(capture.contains(log));
+
+    // The log arrives whole, with a newer value.
+    ASSERT_TRUE(writeFile(log, whole));
+    auto writer = AllKeysStore::open(package, QStringLiteral("foreign"));
+    writer->setPropertyListValue(QStringLiteral("two"), QStringLiteral("title"));
+    ASSERT_TRUE(writer->saveNow());
+    writer->tearDownNow();
+    reader->syncNow();
+    EXPECT_EQ(reader->propertyListValueForKey(QStringLiteral("title")).toString(), QStringLiteral("two"));
+    reader->tearDownNow();
+}
+
+// MARK: - Merging
+
+std::optional<NBError> merge(const std::shared_ptr<OAKStore>& destination,
+                             const std::shared_ptr<OAKStore>& merged, const QStringList& unsafe = {}) {
+    std::promise<std::optional<NBError>> finished;
+    destination->mergeStore(merged, unsafe,
+                            [&](const std::optional<NBError>& error) { finished.set_value(error); });
+    return finished.get_future().get();
+}
+
+void copyFolder(const QString& source, const QString& destination) {
+    QDirIterator iterator(source, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
+    while (iterator.hasNext()) {
+        const QString path = iterator.next();
+        const QString target = destination + QLatin1Char('/') + QDir(source).relativeFilePath(path);
+        QDir().mkpath(QFileInfo(target).path());
+        QFile::copy(path, target);
+    }
+}
+
+void write(const QString& package, const QString& device, const QVariantMap& values) {
+    auto store = AllKeysStore::open(package, device);
+    store->setEntriesFromDictionary(values);
+    ASSERT_TRUE(store->saveNow());
+    store->tearDownNow();
+}
+
+QMap<QString, QByteArray> logFiles(const QString& package) {
+    QMap<QString, QByteArray> snapshot = treeSnapshot(package + QStringLiteral("/devices"));
+    for (const QString& key : snapshot.keys()) {
+        if (!key.endsWith(QLatin1String("logs.db")))
+            snapshot.remove(key);
+    }
+    return snapshot;
+}
+
+TEST(OAKStoreMerge, PreconditionsFailOnTheGlobalQueueAndChangeNothing) {
+    NBTemporaryDirectory directory;
+    const QString first = packagePath(directory, QStringLiteral("A"));
+    const QString second = packagePath(directory, QStringLiteral("B"));
+    write(first, QStringLiteral("local"), {{QStringLiteral("k"), 1}});
+    write(second, QStringLiteral("other"), {{QStringLiteral("k"), 2}});
+    const auto before = treeSnapshot(directory.path());
+    auto destination = AllKeysStore::open(first, QStringLiteral("local"));
+    const auto wrongDevice = merge(destination, AllKeysStore::open(second, QStringLiteral("someone")));
+    ASSERT_TRUE(wrongDevice.has_value());
+    EXPECT_EQ(wrongDevice->code(), 1498);
+    EXPECT_TRUE(wrongDevice->localizedDescription().startsWith(
+        QStringLiteral("merging is only valid for stores with the same device identifier:\nmerged store: ")));
+    const auto localUnsafe =
+        merge(destination, AllKeysStore::open(second, QStringLiteral("local")), {QStringLiteral("local")});
+    ASSERT_TRUE(localUnsafe.has_value());
+    EXPECT_EQ(localUnsafe->code(), 1508);
+    EXPECT_TRUE(localUnsafe->localizedDescription().startsWith(QStringLiteral(
+        "merging is only valid if the unsafe device identifiers do not include the local device "
+        "identifier:\nunsafe devices: (local)\nmerged store: ")));
+    EXPECT_EQ(treeSnapshot(directory.path()), before);
+}
+
+TEST(OAKStoreMerge, IdenticalPackagesChangeNoLogFile) {
+    NBTemporaryDirectory directory;
+    const QString first = packagePath(directory, QStringLiteral("A"));
+    const QString second = packagePath(directory, QStringLiteral("B"));
+    write(first, QStringLiteral("local"),
+          {{QStringLiteral("a"), 1}, {QStringLiteral("b"), QStringLiteral("x")}});
+    write(first, QStringLiteral("other"), {{QStringLiteral("a"), 2}});
+    copyFolder(first, second);
+    const auto before = logFiles(first);
+    auto destination = AllKeysStore::open(first, QStringLiteral("local"));
+    destination->loadNow();
+    EXPECT_FALSE(merge(destination, AllKeysStore::open(second, QStringLiteral("local"))).has_value());
+    EXPECT_EQ(destination->propertyListValueForKey(QStringLiteral("a")).toLongLong(), 2);
+    destination->tearDownNow();
+    EXPECT_EQ(logFiles(first), before);
+}
+
+TEST(OAKStoreMerge, LaterCopyWinsAndIsAnnounced) {
+    NBTemporaryDirectory directory;
+    const QString first = packagePath(directory, QStringLiteral("A"));
+    const QString second = packagePath(directory, QStringLiteral("B"));
+    write(first, QStringLiteral("device1"),
+          {{QStringLiteral("title"), QStringLiteral("from A")}, {QStringLiteral("only A"), true}});
+    write(second, QStringLiteral("device2"), {{QStringLiteral("title"), QStringLiteral("from B")}});
+    ASSERT_TRUE(writeFile(second + QStringLiteral("/blobs/image.png"), QByteArray("picture")));
+    auto destination = AllKeysStore::open(first, QStringLiteral("device1"));
+    destination->loadNow();
+    NotificationRecorder recorder(destination.get());
+    EXPECT_FALSE(merge(destination, AllKeysStore::open(second, QStringLiteral("device1"))).has_value());
+    EXPECT_EQ(destination->propertyListValueForKey(QStringLiteral("title")).toString(),
+              QStringLiteral("from B"));
+    EXPECT_TRUE(destination->propertyListValueForKey(QStringLiteral("only A")).toBool());
+    EXPECT_EQ(destination->blobDataAtPath(QStringLiteral("image.png")).value_or(QByteArray()),
+              QByteArray("picture"));
+    destination->waitUntilFinished();
+    const auto changes = recorder.notifications(QString::fromUtf8(OAKStoreDidChangeNotification));
+    ASSERT_EQ(changes.size(), 1u);
+    EXPECT_EQ(changes[0].userInfo.value(QStringLiteral("values")).toMap().keys(),
+              QStringList{QStringLiteral("title")});
+    EXPECT_TRUE(QFileInfo::exists(first + QStringLiteral("/devices/device2/logs.db")));
+    EXPECT_FALSE(QFileInfo::exists(first + QStringLiteral("/devices/device2/logs.db-old")));
+    destination->tearDownNow();
+}
+
+TEST(OAKStoreMerge, UnsafeDeviceDifferencesGoUnderTheCombinedIdentifier) {
+    NBTemporaryDirectory directory;
+    const QString first = packagePath(directory, QStringLiteral("A"));
+    const QString second = packagePath(directory, QStringLiteral("B"));
+    write(first, QStringLiteral("local"), {{QStringLiteral("mine"), 1}});
+    write(first, QStringLiteral("tablet"), {{QStringLiteral("shared"), QStringLiteral("common")}});
+    copyFolder(first, second);
+    // The copies diverge on the tablet's log.
+    write(second, QStringLiteral("tablet"),
+          {{QStringLiteral("shared"), QStringLiteral("diverged")}, {QStringLiteral("extra"), 5}});
+    const QByteArray tabletLog = readFile(first + QStringLiteral("/devices/tablet/logs.db"));
+    auto destination = AllKeysStore::open(first, QStringLiteral("local"));
+    destination->loadNow();
+    EXPECT_FALSE(
+        merge(destination, AllKeysStore::open(second, QStringLiteral("local")), {QStringLiteral("tablet")})
+            .has_value());
+    EXPECT_EQ(readFile(first + QStringLiteral("/devices/tablet/logs.db")), tabletLog);
+    const auto changes = destination->changesSinceTimestamp(timestampForDistantPast());
+    std::map<QString, int> rowsByDevice;
+    for (const OAKChange& change : changes)
+        ++rowsByDevice[change.deviceIdentifier];
+    EXPECT_EQ(rowsByDevice[QStringLiteral("local|tablet")], 2);
+    EXPECT_EQ(rowsByDevice[QStringLiteral("tablet")], 1);
+    EXPECT_EQ(destination->propertyListValueForKey(QStringLiteral("shared")).toString(),
+              QStringLiteral("diverged"));
+    // Merging again adds nothing.
+    const auto before = logFiles(first);
+    EXPECT_FALSE(
+        merge(destination, AllKeysStore::open(second, QStringLiteral("local")), {QStringLiteral("tablet")})
+            .has_value());
+    EXPECT_EQ(logFiles(first), before);
+    destination->tearDownNow();
+}
+
+TEST(OAKLogRepresentation, UnionAndDifferenceFollowTheTotalOrder) {
+    const auto entry = [](NBTimestamp timestamp, std::optional<QString> key,
+                          std::optional<NBTimestamp> parent, std::optional<QByteArray> blob) {
+        return OAKLogRepresentation{timestamp, key, parent, blob};
+    };
+    std::vector<OAKLogRepresentation> first = {entry(2, QStringLiteral("b"), 1, QByteArray("x")),
+                                               entry(1, QStringLiteral("a"), std::nullopt, QByteArray("x")),
+                                               entry(2, QStringLiteral("b"), std::nullopt, QByteArray("x")),
+                                               entry(2, QStringLiteral("a"), 1, std::nullopt)};
+    std::vector<OAKLogRepresentation> second = {entry(2, QStringLiteral("b"), 1, QByteArray("x")),
+                                                entry(2, QStringLiteral("b"), 1, QByteArray("y")),
+                                                entry(3, std::nullopt, std::nullopt, QByteArray())};
+    sortLogRepresentations(first);
+    sortLogRepresentations(second);
+    // Timestamp, then key, then parent timestamp (absent first), then blob bytes.
+    EXPECT_EQ(first[0], entry(1, QStringLiteral("a"), std::nullopt, QByteArray("x")));
+    EXPECT_EQ(first[1], entry(2, QStringLiteral("a"), 1, std::nullopt));
+    EXPECT_EQ(first[2], entry(2, QStringLiteral("b"), std::nullopt, QByteArray("x")));
+    const auto united = unionOfLogRepresentations(first, second);
+    EXPECT_EQ(united.size(), 6u);
+    EXPECT_TRUE(std::is_sorted(united.begin(), united.end()));
+    const std::vector<OAKLogRepresentation> onlySecond = {entry(2, QStringLiteral("b"), 1, QByteArray("y")),
+                                                          entry(3, std::nullopt, std::nullopt, QByteArray())};
+    EXPECT_EQ(logRepresentationsMinusLogRepresentations(united, first), onlySecond);
+    EXPECT_EQ(logRepresentationsMinusLogRepresentations(first, united), std::vector<OAKLogRepresentation>());
+    EXPECT_EQ(unionOfLogRepresentations(first, first), first);
+}
+
+// MARK: - Convergence
+
+// Random sets on two to four devices, random syncs and reopenings: once every store has synced, all of them
+// hold, for every key, the value written with the largest timestamp.
+RC_GTEST_PROP(OAKStoreSync, StoresConvergeOnTheNewestWrite, ()) {
+    const int deviceCount = *rc::gen::inRange(2, 5);
+    const int operationCount = *rc::gen::inRange(1, 25);
+    NBTemporaryDirectory directory;
+    const QString package = packagePath(directory);
+    std::vector<std::shared_ptr<AllKeysStore>> stores;
+    for (int device = 0; device < deviceCount; ++device) {
+        stores.push_back(AllKeysStore::open(package, QStringLiteral("device%1").arg(device)));
+        stores.back()->loadNow();
+    }
+    std::map<QString, std::pair<NBTimestamp, qint64>> newest;
+    for (int operation = 0; operation < operationCount; ++operation) {
+        const std::size_t device = std::size_t(*rc::gen::inRange(0, deviceCount));
+        AllKeysStore& store = *stores[device];
+        switch (*rc::gen::inRange(0, 4)) {
+        case 0:
+        case 1: {
+            const QString key = QStringLiteral("key%1").arg(*rc::gen::inRange(0, 4));
+            const qint64 value = *rc::gen::inRange(0, 1000);
+            store.setPropertyListValue(value, key);
+            const NBTimestamp timestamp = store.mostRecentTimestampForKey(key);
+            if (!newest.count(key) || timestamp > newest[key].first)
+                newest[key] = {timestamp, value};
+            if (*rc::gen::arbitrary<bool>())
+                RC_ASSERT(store.saveNow());
+            break;
+        }
+        case 2:
+            store.saveNow();
+            store.syncNow();
+            break;
+        case 3:
+            store.tearDownNow();
+            stores[device] = AllKeysStore::open(package, QStringLiteral("device%1").arg(device));
+            stores[device]->loadNow();
+            break;
+        }
+    }
+    for (auto& store : stores)
+        RC_ASSERT(store->saveNow());
+    for (auto& store : stores) {
+        store->syncNow();
+        for (const auto& [key, expected] : newest) {
+            RC_ASSERT(store->propertyListValueForKey(key).toLongLong() == expected.second);
+            RC_ASSERT(store->mostRecentTimestampForKey(key) == expected.first);
+        }
+    }
+    for (auto& store : stores)
+        store->tearDownNow();
+}
+
+} // namespace
