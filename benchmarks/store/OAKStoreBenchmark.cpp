@@ -3,18 +3,30 @@
 //   the same rows sorted by timestamp;
 // - 100,000 setPropertyListValue calls then saveNow, against raw batched inserts of the same rows (the
 //   callers' own time is reported too: they never wait for the disk);
-// - the memory (heap in use) of a loaded store of 10,000 keys, against the same values held in a plain map.
+// - the memory (heap in use) of a loaded store of 10,000 keys, against the same values held in a plain map;
+// - an incremental sync after one foreign device appended 100 rows, in packages of 10,000, 100,000 and
+//   1,000,000 rows, against a raw SQLite read of the 100 new rows (the sync step reads only new rows, so its
+//   time must not grow with the package; the 1,000,000-row package is made once and kept in /tmp);
+// - the time from a save in another process to the sync notification here, against the sync timer's delay.
+#include "foundation/NBNotificationCenter.h"
 #include "foundation/NBPropertyList.h"
 #include "store/OAKStore.h"
 
 #include <QCoreApplication>
 #include <QDir>
+#include <QFileInfo>
+#include <QProcess>
 #include <QTemporaryDir>
 #include <SQLiteCpp/SQLiteCpp.h>
 #include <benchmark/benchmark.h>
 
 #include <chrono>
+#include <condition_variable>
+#include <iostream>
 #include <malloc.h>
+#include <mutex>
+#include <string>
+#include <thread>
 
 namespace {
 
@@ -206,10 +218,143 @@ void BM_LoadedStoreMemory(benchmark::State& state) {
 }
 BENCHMARK(BM_LoadedStoreMemory)->Iterations(1);
 
+// A package of `rowCount` rows over 4 devices kept in /tmp between runs (it is only ever appended to).
+QString cachedPackage(int rowCount) {
+    const QString package = QStringLiteral("/tmp/quillon-store-benchmark-%1.nbexperiment").arg(rowCount);
+    const QString complete = package + QStringLiteral("/complete");
+    if (!QFileInfo::exists(complete)) {
+        QDir(package).removeRecursively();
+        writePackage(package, rowCount, 4, 1000);
+        QFile marker(complete);
+        marker.open(QIODevice::WriteOnly);
+    }
+    return package;
+}
+
+void BM_IncrementalSync(benchmark::State& state) {
+    const QString package = cachedPackage(int(state.range(0)));
+    auto reader = std::make_shared<AllKeysStore>(QUrl::fromLocalFile(package), QStringLiteral("reader"));
+    reader->loadNow();
+    const QString foreignLog = package + QStringLiteral("/devices/device-0/logs.db");
+    SQLite::Database raw(foreignLog.toStdString(), SQLite::OPEN_READONLY);
+    SQLite::Statement newRows(
+        raw, "SELECT blob, key, timestamp, parentTimestamp FROM Log WHERE timestamp > ? ORDER BY timestamp");
+    double syncSeconds = 0;
+    double rawSeconds = 0;
+    for (auto _ : state) {
+        state.PauseTiming();
+        const NBTimestamp before = timestampNow();
+        {
+            auto writer = OAKStoreLog::open(foreignLog, OAKStoreLog::Mode::ReadWrite, nullptr);
+            for (int row = 0; row < 100; ++row)
+                writer->insertRow(timestampNow(), std::nullopt, QStringLiteral("key%1").arg(row * 7 % 1000),
+                                  sampleBlob(row), nullptr);
+            writer->save(nullptr);
+        }
+        state.ResumeTiming();
+        auto start = Clock::now();
+        reader->syncNow();
+        syncSeconds += secondsSince(start);
+        start = Clock::now();
+        std::vector<RawRow> rows;
+        newRows.reset();
+        newRows.bind(1, std::int64_t(before));
+        while (newRows.executeStep()) {
+            const SQLite::Column blob = newRows.getColumn(0);
+            const SQLite::Column key = newRows.getColumn(1);
+            rows.push_back({QByteArray(static_cast<const char*>(blob.getBlob()), blob.getBytes()),
+                            QString::fromUtf8(static_cast<const char*>(key.getBlob()), key.getBytes()),
+                            newRows.getColumn(2).getInt64(), newRows.getColumn(3).getInt64()});
+        }
+        rawSeconds += secondsSince(start);
+        if (rows.size() != 100)
+            state.SkipWithError("the raw read did not find the 100 new rows");
+    }
+    reader->tearDownNow();
+    const double iterations = double(state.iterations());
+    state.counters["sync_ms"] = syncSeconds / iterations * 1000;
+    state.counters["raw_new_rows_ms"] = rawSeconds / iterations * 1000;
+    state.counters["ratio"] = syncSeconds / rawSeconds;
+}
+BENCHMARK(BM_IncrementalSync)
+    ->Arg(10000)
+    ->Arg(100000)
+    ->Arg(1000000)
+    ->Iterations(20)
+    ->Unit(benchmark::kMillisecond);
+
+// The writer process of BM_SyncLatency: for every line on standard input, sets a value, saves, and prints
+// the wall-clock timestamp at which the save returned.
+int runWriter(const QString& package) {
+    auto store = OAKStore::storeWithURL(QUrl::fromLocalFile(package), QStringLiteral("writer"));
+    store->loadNow();
+    std::string line;
+    qint64 sequence = 0;
+    while (std::getline(std::cin, line)) {
+        store->setPropertyListValue(++sequence, QStringLiteral("sequence"));
+        store->saveNow();
+        std::cout << timestampNow() << std::endl;
+    }
+    store->tearDownNow();
+    return 0;
+}
+
+void BM_SyncLatency(benchmark::State& state) {
+    QTemporaryDir directory;
+    const QString package = directory.filePath(QStringLiteral("Latency.nbexperiment"));
+    auto reader = std::make_shared<AllKeysStore>(QUrl::fromLocalFile(package), QStringLiteral("reader"));
+    reader->loadNow();
+    std::mutex mutex;
+    std::condition_variable synced;
+    NBTimestamp syncedAt = 0;
+    std::atomic<qint64> expected{1};
+    NBScopedObserver observer(
+        NBNotificationCenter::defaultCenter(),
+        NBNotificationCenter::defaultCenter().addObserverForName(
+            QString::fromUtf8(OAKStoreDidSyncNotification), reader.get(), [&](const NBNotification&) {
+                std::lock_guard lock(mutex);
+                syncedAt = timestampNow();
+                synced.notify_all();
+            }));
+    QProcess writer;
+    writer.start(QCoreApplication::applicationFilePath(), {QStringLiteral("--writer"), package});
+    writer.waitForStarted();
+    // Let the sync that the writer's new device folder triggers pass first.
+    std::this_thread::sleep_for(std::chrono::seconds(2));
+    double latencySeconds = 0;
+    for (auto _ : state) {
+        {
+            std::lock_guard lock(mutex);
+            syncedAt = 0;
+        }
+        writer.write("set\n");
+        writer.waitForBytesWritten();
+        writer.waitForReadyRead(10000);
+        const NBTimestamp savedAt = writer.readLine().trimmed().toLongLong();
+        std::unique_lock lock(mutex);
+        if (!synced.wait_for(lock, std::chrono::seconds(20), [&] { return syncedAt != 0; })) {
+            state.SkipWithError("no sync notification");
+            break;
+        }
+        latencySeconds += double(syncedAt - savedAt) / 1e6;
+        ++expected;
+    }
+    writer.closeWriteChannel();
+    writer.waitForFinished();
+    reader->tearDownNow();
+    const double iterations = double(state.iterations());
+    state.counters["save_to_sync_ms"] = latencySeconds / iterations * 1000;
+    state.counters["sync_delay_ms"] = 1000;
+    state.counters["ratio"] = latencySeconds / iterations / 1.0;
+}
+BENCHMARK(BM_SyncLatency)->Iterations(5)->Unit(benchmark::kMillisecond)->UseRealTime();
+
 } // namespace
 
 int main(int argc, char** argv) {
     QCoreApplication application(argc, argv);
+    if (argc == 3 && std::string(argv[1]) == "--writer")
+        return runWriter(QString::fromLocal8Bit(argv[2]));
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
