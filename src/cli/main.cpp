@@ -1,4 +1,5 @@
 // The `quillon` command line: parses the arguments and hands each subcommand to the libraries.
+#include "cli/DocCommand.h"
 #include "cli/StoreCommand.h"
 
 #include <CLI/CLI.hpp>
@@ -15,6 +16,7 @@ int main(int argc, char** argv) {
     app.set_version_flag("--version", std::string("quillon ") + QUILLON_VERSION);
     app.require_subcommand(0, 1);
     addStoreCommand(app);
+    addDocCommand(app);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {

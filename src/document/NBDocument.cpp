@@ -1,0 +1,765 @@
+// NBDocument: paragraphs, days, metadata, attachments and changes of a document kept as a store (see
+// NBDocument.h for the stored form).
+#include "document/NBDocument.h"
+
+#include "document/NBExperiment.h"
+#include "document/NBProtocol.h"
+#include "foundation/NBLogging.h"
+#include "foundation/NBPropertyList.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QSaveFile>
+#include <QUuid>
+
+#include <map>
+#include <mutex>
+
+Q_LOGGING_CATEGORY(lcDocument, "quillon.document")
+
+namespace {
+
+const QString& layoutKey() {
+    static const QString key = QString::fromUtf8(kNBDocumentLayoutKey);
+    return key;
+}
+
+struct MetadataKeys {
+    QStringList list;
+    QSet<QString> set;
+};
+
+// Kind name -> gathered keys. A std::map keeps its entries in place, so references handed out stay valid.
+std::mutex& metadataKeysMutex() {
+    static std::mutex mutex;
+    return mutex;
+}
+std::map<QString, MetadataKeys>& metadataKeysTable() {
+    static std::map<QString, MetadataKeys> table;
+    return table;
+}
+
+const MetadataKeys& collectValidMetadataKeys(const QString& kindName, const QList<QStringList>& chain) {
+    std::lock_guard lock(metadataKeysMutex());
+    auto found = metadataKeysTable().find(kindName);
+    if (found != metadataKeysTable().end())
+        return found->second;
+    MetadataKeys keys;
+    for (const QStringList& list : chain) {
+        for (const QString& key : list) {
+            if (!keys.set.contains(key)) {
+                keys.set.insert(key);
+                keys.list.append(key);
+            }
+        }
+    }
+    return metadataKeysTable().emplace(kindName, std::move(keys)).first->second;
+}
+
+QString valueText(const QVariant& value) {
+    if (value.metaType().id() == QMetaType::QString)
+        return value.toString();
+    return propertyListDescription(value);
+}
+
+} // namespace
+
+// MARK: - Creation
+
+NBDocument::NBDocument(const QUrl& url, const QString& deviceIdentifier, const OAKStoreOptions& options)
+    : OAKStore(url, deviceIdentifier, options) {}
+
+NBDocument::NBDocument() : OAKStore() {}
+
+NBDocument::~NBDocument() {
+    if (!temporaryDirectoryPath_.isEmpty())
+        QDir(temporaryDirectoryPath_).removeRecursively();
+}
+
+std::shared_ptr<NBDocument> NBDocument::openDocumentAtPath(const QString& path,
+                                                           const QString& deviceIdentifier,
+                                                           const OAKStoreOptions& options,
+                                                           NBError* outError) {
+    const QString absolutePath = QDir::cleanPath(QFileInfo(path).absoluteFilePath());
+    if (!QFileInfo(absolutePath).isDir()) {
+        const QString message = nbFormat("No document package at path %@", absolutePath);
+        nbFail(outError, NBError::errorWithObject("NBDocument", kNBDocumentErrorNoPackage, message));
+        return nullptr;
+    }
+    const QUrl url = QUrl::fromLocalFile(absolutePath);
+    const QString extension = QFileInfo(absolutePath).suffix();
+    std::shared_ptr<NBDocument> document;
+    if (extension == QLatin1String(kNBExperimentPackageExtension))
+        document = std::make_shared<NBExperiment>(url, deviceIdentifier, options);
+    else if (extension == QLatin1String(kNBProtocolPackageExtension))
+        document = std::make_shared<NBProtocol>(url, deviceIdentifier, options);
+    else
+        document = std::make_shared<NBDocument>(url, deviceIdentifier, options);
+    document->loadNow();
+    if (!document->loaded()) {
+        const QString message = nbFormat("Could not load the document at path %@", absolutePath);
+        nbFail(outError, NBError::errorWithObject("NBDocument", kNBDocumentErrorNoPackage, message));
+        document->tearDownNow();
+        return nullptr;
+    }
+    return document;
+}
+
+void NBDocument::assignNewUUID() {
+    setUuid(NBParagraph::newUUIDString());
+}
+
+QString NBDocument::packagePathForNewDocument(const QString& folderPath, const QString& deviceIdentifier,
+                                              const QString& uuid, const char* extension, NBError* outError) {
+    QString message;
+    const QString folder = QDir::cleanPath(QFileInfo(folderPath).absoluteFilePath());
+    const QString path = folder + QLatin1Char('/') + uuid + QLatin1Char('.') + QString::fromUtf8(extension);
+    if (!isValidDeviceIdentifier(deviceIdentifier))
+        message =
+            nbFormat("Cannot create a document with the invalid device identifier '%@'", deviceIdentifier);
+    else if (!QDir().mkpath(folder) || !QFileInfo(folder).isDir())
+        message = nbFormat("Could not create the folder for a new document at path %@", folder);
+    else if (QFileInfo::exists(path))
+        message = nbFormat("Cannot create a new document at path %@: something is already there", path);
+    if (message.isEmpty())
+        return path;
+    qCWarning(lcDocument).noquote() << message;
+    nbFail(outError, NBError::errorWithObject("NBDocument", kNBDocumentErrorCreatePackage, message));
+    return QString();
+}
+
+bool NBDocument::setUpNewPackage(const QString& uuid, const QString& title, NBError* outError) {
+    NBError error;
+    if (!prepareFilePackageWithError(&error)) {
+        const QString message = nbFormat("Could not create the document package at path %@: %@", storePath(),
+                                         error.description());
+        qCWarning(lcDocument).noquote() << message;
+        return nbFail(outError, NBError::errorWithObject(className().toStdString(),
+                                                         kNBDocumentErrorCreatePackage, message));
+    }
+    loadNow();
+    if (!loaded()) {
+        const QString message = nbFormat("Could not load the new document at path %@", storePath());
+        qCWarning(lcDocument).noquote() << message;
+        return nbFail(outError, NBError::errorWithObject(className().toStdString(),
+                                                         kNBDocumentErrorCreatePackage, message));
+    }
+    QVariantMap metadata = {{QString::fromUtf8(kNBDocumentUUIDKey), uuid}};
+    if (!title.isNull())
+        metadata.insert(QString::fromUtf8(kNBDocumentTitleKey), title);
+    modifyMetadata(metadata);
+    return saveNow(outError);
+}
+
+// MARK: - Metadata
+
+QStringList NBDocument::validMetadataKeysForSubclass() {
+    return {QString::fromUtf8(kNBDocumentUUIDKey), QString::fromUtf8(kNBDocumentTitleKey),
+            QString::fromUtf8(kNBDocumentAuthorKey)};
+}
+
+const QStringList& NBDocument::validMetadataKeys() const {
+    return collectValidMetadataKeys(className(), validMetadataKeyChain()).list;
+}
+
+bool NBDocument::isValidMetadataKey(const QString& key) const {
+    return collectValidMetadataKeys(className(), validMetadataKeyChain()).set.contains(key);
+}
+
+QHash<QString, QStringList> NBDocument::validMetadataKeysForSubclassTable() {
+    std::lock_guard lock(metadataKeysMutex());
+    QHash<QString, QStringList> table;
+    for (const auto& [kind, keys] : metadataKeysTable())
+        table.insert(kind, keys.list);
+    return table;
+}
+
+QVariantMap NBDocument::metadata() const {
+    const QStringList& keys = validMetadataKeys();
+    QVariantMap metadata;
+    memoryQueue_->dispatchSynchronously([&] {
+        for (const QString& key : keys) {
+            const auto found = memory_.constFind(key);
+            if (found != memory_.constEnd())
+                metadata.insert(key, found.value());
+        }
+    });
+    return metadata;
+}
+
+void NBDocument::modifyMetadata(const QVariantMap& metadata) {
+    QVariantMap valid;
+    for (auto entry = metadata.begin(); entry != metadata.end(); ++entry) {
+        if (isValidMetadataKey(entry.key()))
+            valid.insert(entry.key(), entry.value());
+        else
+            qCWarning(lcDocument).noquote() << nbFormat(
+                "Ignoring invalid metadata key '%@' for document at path %@", entry.key(), storePath());
+    }
+    runTransaction([&] { setEntriesFromDictionary(valid); });
+}
+
+QVariant NBDocument::metadataValueForKey(const QString& key) const {
+    return isValidMetadataKey(key) ? propertyListValueForKey(key) : QVariant();
+}
+
+void NBDocument::setMetadataValue(const QVariant& value, const QString& key) {
+    modifyMetadata({{key, value}});
+}
+
+QString NBDocument::stringMetadata(const char* key) const {
+    const QVariant value = propertyListValueForKey(QString::fromUtf8(key));
+    return value.metaType().id() == QMetaType::QString ? value.toString() : QString();
+}
+
+QStringList NBDocument::stringListMetadata(const char* key) const {
+    return stringListFromVariant(propertyListValueForKey(QString::fromUtf8(key)));
+}
+
+QStringList NBDocument::stringListFromVariant(const QVariant& value, bool* outValid) {
+    QStringList list;
+    bool valid = value.metaType().id() == QMetaType::QVariantList;
+    if (valid) {
+        const QVariantList items = value.toList();
+        list.reserve(items.size());
+        for (const QVariant& item : items) {
+            if (item.metaType().id() != QMetaType::QString) {
+                valid = false;
+                continue;
+            }
+            list.append(item.toString());
+        }
+    } else if (value.metaType().id() == QMetaType::QStringList) {
+        list = value.toStringList();
+        valid = true;
+    }
+    if (outValid)
+        *outValid = valid;
+    return list;
+}
+
+QVariantList NBDocument::variantListFromStringList(const QStringList& list) {
+    QVariantList items;
+    items.reserve(list.size());
+    for (const QString& item : list)
+        items.append(item);
+    return items;
+}
+
+// MARK: - Paragraphs
+
+QStringList NBDocument::layoutFromMemory() const {
+    return stringListFromVariant(memory_.value(layoutKey()));
+}
+
+QList<NBParagraph> NBDocument::paragraphsFromMemory() const {
+    const QStringList uuids = layoutFromMemory();
+    QList<NBParagraph> paragraphs;
+    paragraphs.reserve(uuids.size());
+    for (const QString& uuid : uuids) {
+        const auto found = memory_.constFind(uuid);
+        if (found == memory_.constEnd() || found.value().metaType().id() != QMetaType::QVariantMap)
+            continue;
+        if (std::optional<NBParagraph> paragraph =
+                NBParagraph::paragraphWithUUID(uuid, found.value().toMap()))
+            paragraphs.append(std::move(*paragraph));
+    }
+    return paragraphs;
+}
+
+QStringList NBDocument::layout() const {
+    QStringList layout;
+    memoryQueue_->dispatchSynchronously([&] { layout = layoutFromMemory(); });
+    return layout;
+}
+
+void NBDocument::setLayout(const QStringList& layout) {
+    setPropertyListValue(variantListFromStringList(layout), layoutKey());
+}
+
+QList<NBParagraph> NBDocument::paragraphs() const {
+    QList<NBParagraph> paragraphs;
+    memoryQueue_->dispatchSynchronously([&] { paragraphs = paragraphsFromMemory(); });
+    return paragraphs;
+}
+
+std::optional<NBParagraph> NBDocument::paragraphWithUUID(const QString& uuid) const {
+    const QVariant info = propertyListValueForKey(uuid);
+    if (uuid.isEmpty() || info.metaType().id() != QMetaType::QVariantMap)
+        return std::nullopt;
+    return NBParagraph::paragraphWithUUID(uuid, info.toMap());
+}
+
+void NBDocument::insertParagraphs(const QList<NBParagraph>& paragraphs, const QString& beforeParagraphUUID) {
+    runTransaction([&] {
+        QStringList layout = layoutFromMemory();
+        QSet<QString> present(layout.begin(), layout.end());
+        qsizetype index = beforeParagraphUUID.isEmpty() ? -1 : layout.indexOf(beforeParagraphUUID);
+        if (index < 0)
+            index = layout.size();
+        QVariantMap values;
+        for (const NBParagraph& paragraph : paragraphs) {
+            const QString& uuid = paragraph.uuid();
+            if (uuid.isEmpty()) {
+                qCWarning(lcDocument).noquote()
+                    << nbFormat("Cannot insert a paragraph without UUID in document at path %@", storePath());
+                continue;
+            }
+            values.insert(uuid, paragraph.info());
+            if (present.contains(uuid)) {
+                // A move: the UUID leaves its old place, so the layout never lists it twice.
+                const qsizetype existing = layout.indexOf(uuid);
+                layout.removeAt(existing);
+                if (existing < index)
+                    --index;
+            }
+            present.insert(uuid);
+            layout.insert(index++, uuid);
+        }
+        if (values.isEmpty())
+            return;
+        values.insert(layoutKey(), variantListFromStringList(layout));
+        setEntriesFromDictionary(values);
+    });
+}
+
+void NBDocument::insertParagraph(const NBParagraph& paragraph, const QString& beforeParagraphUUID) {
+    insertParagraphs({paragraph}, beforeParagraphUUID);
+}
+
+void NBDocument::insertParagraphAfterParagraphWithUUID(const NBParagraph& paragraph,
+                                                       const QString& afterParagraphUUID) {
+    runTransaction([&] {
+        const QStringList layout = layoutFromMemory();
+        const qsizetype index = layout.indexOf(afterParagraphUUID);
+        const QString before = index >= 0 && index + 1 < layout.size() ? layout.at(index + 1) : QString();
+        insertParagraphs({paragraph}, before);
+    });
+}
+
+void NBDocument::appendParagraph(const NBParagraph& paragraph) {
+    insertParagraphs({paragraph}, QString());
+}
+
+void NBDocument::modifyParagraph(const NBParagraph& paragraph) {
+    if (paragraph.uuid().isEmpty())
+        return;
+    runTransaction([&] {
+        if (layoutFromMemory().contains(paragraph.uuid()))
+            setPropertyListValue(paragraph.info(), paragraph.uuid());
+    });
+}
+
+void NBDocument::removeParagraph(const NBParagraph& paragraph) {
+    removeParagraphWithUUID(paragraph.uuid());
+}
+
+void NBDocument::removeParagraphWithUUID(const QString& uuid) {
+    runTransaction([&] {
+        QStringList layout = layoutFromMemory();
+        if (layout.removeAll(uuid) > 0)
+            setPropertyListValue(variantListFromStringList(layout), layoutKey());
+    });
+}
+
+void NBDocument::removeAllParagraphs() {
+    setPropertyListValue(QVariantList(), layoutKey());
+}
+
+QList<NBParagraph> NBDocument::paragraphsWithType(const QString& type) const {
+    QList<NBParagraph> found;
+    for (const NBParagraph& paragraph : paragraphs()) {
+        if (paragraph.type() == type)
+            found.append(paragraph);
+    }
+    return found;
+}
+
+// MARK: - Days
+
+QList<NBDay> NBDocument::days() const {
+    QList<NBDay> days;
+    for (const NBParagraph& paragraph : paragraphs()) {
+        if (!paragraph.isDayType())
+            continue;
+        const NBDay day = paragraph.day();
+        if (!day.isNull())
+            days.append(day);
+    }
+    std::stable_sort(days.begin(), days.end(),
+                     [](const NBDay& first, const NBDay& second) { return first.compare(second) < 0; });
+    return days;
+}
+
+QList<NBParagraph> NBDocument::paragraphsForDay(const NBDay& day) const {
+    const QList<NBParagraph> all = paragraphs();
+    QList<NBParagraph> found;
+    qsizetype index = 0;
+    while (index < all.size() && !(all.at(index).isDayType() && all.at(index).day() == day))
+        ++index;
+    for (++index; index < all.size() && !all.at(index).isDayType(); ++index)
+        found.append(all.at(index));
+    updateNumberedListCountersForParagraphs(found);
+    return found;
+}
+
+void NBDocument::appendParagraph(const NBParagraph& paragraph, const NBDay& day) {
+    runTransaction([&] { appendParagraphToDayInTransaction(paragraph, day); });
+}
+
+void NBDocument::appendParagraphToDayInTransaction(const NBParagraph& paragraph, const NBDay& day) {
+    const QList<NBParagraph> all = paragraphsFromMemory();
+    qsizetype kept = -1;
+    bool anyDay = false;
+    for (qsizetype index = 0; index < all.size(); ++index) {
+        if (!all.at(index).isDayType())
+            continue;
+        anyDay = true;
+        if (all.at(index).day().compare(day) > 0)
+            break;
+        kept = index;
+    }
+    // No day yet: the day goes at the end, with the paragraph under it.
+    if (!anyDay) {
+        insertParagraphs({NBParagraph::dayParagraphWithDay(day), paragraph}, QString());
+        return;
+    }
+    // Every day is later: the document begins with the new day and the paragraph.
+    if (kept < 0) {
+        insertParagraphs({NBParagraph::dayParagraphWithDay(day), paragraph}, all.first().uuid());
+        return;
+    }
+    // The anchor is the last paragraph of the kept day, or the day paragraph itself when its day is empty.
+    qsizetype end = kept + 1;
+    while (end < all.size() && !all.at(end).isDayType())
+        ++end;
+    const NBParagraph& anchor = all.at(end - 1);
+    const QStringList layout = layoutFromMemory();
+    const qsizetype anchorIndex = layout.indexOf(anchor.uuid());
+    const QString before =
+        anchorIndex >= 0 && anchorIndex + 1 < layout.size() ? layout.at(anchorIndex + 1) : QString();
+    if (all.at(kept).day() == day)
+        insertParagraphs({paragraph}, before);
+    else
+        insertParagraphs({NBParagraph::dayParagraphWithDay(day), paragraph}, before);
+}
+
+void NBDocument::updateNumberedListCountersForParagraphs(QList<NBParagraph>& paragraphs) {
+    NBParagraph::updateNumberedListCountersForParagraphs(paragraphs);
+}
+
+// MARK: - Outline
+
+NBTreeNode::Pointer NBDocument::documentTree() const {
+    return documentTreeWithParagraphs(paragraphs());
+}
+
+NBTreeNode::Pointer NBDocument::documentTreeWithParagraphs(const QList<NBParagraph>& paragraphs) {
+    return NBParagraph::documentTreeWithParagraphs(paragraphs);
+}
+
+NBTreeNode::Pointer NBDocument::treeWithParentParagraph(qsizetype parentIndex,
+                                                        const QList<NBParagraph>& allParagraphs) {
+    return NBParagraph::treeWithParentParagraph(parentIndex, allParagraphs);
+}
+
+qsizetype NBDocument::descendentCountForTree(const NBTreeNode::Pointer& tree) {
+    return NBParagraph::descendentCountForTree(tree);
+}
+
+// MARK: - Attachments
+
+std::optional<QString> NBDocument::blobPathForParagraph(const NBParagraph& paragraph) {
+    if (paragraph.uuid().isEmpty())
+        return std::nullopt;
+    const QString fileName = QFileInfo(paragraph.sourcePath()).fileName();
+    if (fileName.isEmpty())
+        return std::nullopt;
+    return QString::fromUtf8(kNBDocumentAttachmentsDirectoryName) + QLatin1Char('/') + paragraph.uuid() +
+           QLatin1Char('/') + fileName;
+}
+
+namespace {
+
+bool documentFailure(const QString& domain, NBError* outError, qint64 code, const QString& message) {
+    qCWarning(lcDocument).noquote() << message;
+    return nbFail(outError, NBError::errorWithObject(domain.toStdString(), code, message));
+}
+
+} // namespace
+
+// The checks every attachment operation starts with: a paragraph, and a blob path for it.
+#define NB_ATTACHMENT_BLOB_PATH(paragraph, outError, failureValue)                                           \
+    if ((paragraph).uuid().isEmpty()) {                                                                      \
+        documentFailure(                                                                                     \
+            className(), outError, kNBDocumentErrorNilParagraph,                                             \
+            nbFormat("Cannot write attachment for nil paragraph the blob in document at path %@",            \
+                     storePath()));                                                                          \
+        return failureValue;                                                                                 \
+    }                                                                                                        \
+    const std::optional<QString> blobPath = blobPathForParagraph(paragraph);                                 \
+    if (!blobPath) {                                                                                         \
+        documentFailure(className(), outError, kNBDocumentErrorNoBlobPath,                                   \
+                        nbFormat("Cannot determine the blob path for the attachment for paragraph %@, in "   \
+                                 "document at path %@",                                                      \
+                                 (paragraph).uuid(), storePath()));                                          \
+        return failureValue;                                                                                 \
+    }
+
+bool NBDocument::writeAttachmentForParagraph(const NBParagraph& paragraph, NBError* outError) {
+    NB_ATTACHMENT_BLOB_PATH(paragraph, outError, false)
+    return writeBlobFromPath(paragraph.sourcePath(), *blobPath, outError);
+}
+
+bool NBDocument::writeAttachmentsForParagraphs(const QList<NBParagraph>& paragraphs, NBError* outError) {
+    std::vector<NBError> errors;
+    bool failed = false;
+    for (const NBParagraph& paragraph : paragraphs) {
+        NBError error;
+        if (!writeAttachmentForParagraph(paragraph, &error)) {
+            failed = true;
+            if (!error.isNull())
+                errors.push_back(error);
+        }
+    }
+    if (!failed)
+        return true;
+    if (errors.size() == 1)
+        return nbFail(outError, errors.front());
+    if (errors.empty())
+        return documentFailure(
+            className(), outError, kNBDocumentErrorUnknownAttachmentError,
+            nbFormat("Unknown error while saving attachments for paragraphs in document at path %@",
+                     storePath()));
+    const QString message = nbFormat(
+        "Multiple errors while saving attachments for paragraphs in document at path %@", storePath());
+    qCWarning(lcDocument).noquote() << message;
+    NBError error = NBError::errorWithObject(className().toStdString(),
+                                             kNBDocumentErrorMultipleAttachmentErrors, message);
+    QStringList descriptions;
+    for (const NBError& each : errors)
+        descriptions.append(each.description());
+    error.setUserInfoValue(QString::fromUtf8(kNBErrorArrayKey), descriptions);
+    error.setErrors(std::move(errors));
+    return nbFail(outError, error);
+}
+
+bool NBDocument::writeAttachmentData(const QByteArray& data, const NBParagraph& paragraph,
+                                     NBError* outError) {
+    NB_ATTACHMENT_BLOB_PATH(paragraph, outError, false)
+    return writeBlobData(data, *blobPath, outError);
+}
+
+bool NBDocument::deleteAttachmentForParagraph(const NBParagraph& paragraph, NBError* outError) {
+    NB_ATTACHMENT_BLOB_PATH(paragraph, outError, false)
+    return deleteBlobAtPath(*blobPath, outError);
+}
+
+std::optional<QByteArray> NBDocument::attachmentDataForParagraph(const NBParagraph& paragraph,
+                                                                 NBError* outError) const {
+    NB_ATTACHMENT_BLOB_PATH(paragraph, outError, std::nullopt)
+    return blobDataAtPath(*blobPath, outError);
+}
+
+std::optional<QString> NBDocument::absolutePathOfAttachmentForParagraph(const NBParagraph& paragraph,
+                                                                        NBError* outError) const {
+    NB_ATTACHMENT_BLOB_PATH(paragraph, outError, std::nullopt)
+    if (!isInMemory()) {
+        const QString path = absolutePathForBlobPath(*blobPath);
+        if (!QFileInfo(path).isFile()) {
+            documentFailure(className(), outError, kNBDocumentErrorNoBlobPath,
+                            nbFormat("Could not read data blob at path '%@'", path));
+            return std::nullopt;
+        }
+        return path;
+    }
+    // An in-memory document has no package: its attachment is copied to its temporary folder.
+    const std::optional<QByteArray> data = blobDataAtPath(*blobPath, outError);
+    if (!data || !ensureTemporaryDirectory(outError))
+        return std::nullopt;
+    const QString path = temporaryDirectoryPath_ + QLatin1Char('/') + *blobPath;
+    QDir().mkpath(QFileInfo(path).path());
+    QSaveFile file(path);
+    if (!file.open(QIODevice::WriteOnly) || file.write(*data) != data->size() || !file.commit()) {
+        documentFailure(
+            className(), outError, kNBDocumentErrorTemporaryFolder,
+            nbFormat("Could not write the attachment of paragraph %@ to the temporary file at path %@",
+                     paragraph.uuid(), path));
+        return std::nullopt;
+    }
+    return path;
+}
+
+#undef NB_ATTACHMENT_BLOB_PATH
+
+QString NBDocument::temporaryDirectoryPath() const {
+    if (!isInMemory())
+        return QString();
+    ensureTemporaryDirectory(nullptr);
+    return temporaryDirectoryPath_;
+}
+
+bool NBDocument::ensureTemporaryDirectory(NBError* outError) const {
+    if (!temporaryDirectoryPath_.isEmpty())
+        return true;
+    const QString path = QDir::temp().filePath(QUuid::createUuid().toString(QUuid::WithoutBraces).toUpper());
+    if (!QDir().mkpath(path))
+        return documentFailure(className(), outError, kNBDocumentErrorTemporaryFolder,
+                               nbFormat("Could not create the temporary folder at path %@", path));
+    temporaryDirectoryPath_ = path;
+    return true;
+}
+
+// MARK: - Sync
+
+std::optional<QStringList> NBDocument::syncedLayout() const {
+    std::optional<OAKLogRow> newest;
+    QString newestPath;
+    for (const auto& [identifier, log] : openLogs()) {
+        std::optional<OAKLogRow> row;
+        NBError error;
+        if (!log->fetchNewestRowForKey(layoutKey(), std::nullopt, row, &error) || !row || !row->blob)
+            continue;
+        if (!newest || row->timestamp > newest->timestamp) {
+            newest = std::move(row);
+            newestPath = log->path();
+        }
+    }
+    if (!newest)
+        return std::nullopt;
+    NBError error;
+    const std::optional<QVariant> value = propertyListWithData(*newest->blob, &error);
+    bool valid = false;
+    const QStringList layout = value ? stringListFromVariant(*value, &valid) : QStringList();
+    if (!valid)
+        return std::nullopt;
+    return layout;
+}
+
+std::optional<QSet<QString>> NBDocument::relevantKeysForSync() const {
+    std::optional<QStringList> layout = syncedLayout();
+    if (!layout)
+        memoryQueue_->dispatchSynchronously([&] { layout = layoutFromMemory(); });
+    QSet<QString> keys(layout->begin(), layout->end());
+    keys.insert(layoutKey());
+    for (const QString& key : validMetadataKeys())
+        keys.insert(key);
+    return keys;
+}
+
+void NBDocument::applySyncChangeWithValues(const QVariantMap& values,
+                                           const QHash<QString, NBTimestamp>& timestamps) {
+    OAKStore::applySyncChangeWithValues(values, timestamps);
+    // The change is built only for a kind that will use it.
+    if (!implementsApplyDocumentChange())
+        return;
+    NBTimestamp newest = timestampForDistantPast();
+    for (auto entry = timestamps.begin(); entry != timestamps.end(); ++entry)
+        newest = std::max(newest, entry.value());
+    // Already on the memory queue: the UUID for messages is read from the view directly.
+    const QString documentUUID = memory_.value(QString::fromUtf8(kNBDocumentUUIDKey)).toString();
+    applyDocumentChange(documentChangeWithValues(newest, values, documentUUID));
+}
+
+// MARK: - Changes
+
+NBDocumentChange NBDocument::documentChangeWithValues(NBTimestamp timestamp, const QVariantMap& values,
+                                                      const QString& documentUUID) const {
+    std::optional<QStringList> layout;
+    QVariantMap metadata;
+    QMap<QString, QVariantMap> infos;
+    QStringList unexpected;
+    for (auto entry = values.begin(); entry != values.end(); ++entry) {
+        const QString& key = entry.key();
+        const QVariant& value = entry.value();
+        if (key == layoutKey()) {
+            bool valid = false;
+            QStringList list = stringListFromVariant(value, &valid);
+            if (valid)
+                layout = std::move(list);
+            else
+                unexpected.append(key);
+        } else if (isValidMetadataKey(key)) {
+            if (value.isValid())
+                metadata.insert(key, value);
+            else
+                unexpected.append(key);
+        } else if (!key.isEmpty() && value.metaType().id() == QMetaType::QVariantMap) {
+            infos.insert(key, value.toMap());
+        } else {
+            unexpected.append(key);
+        }
+    }
+    QStringList unreadable;
+    NBDocumentChange change =
+        NBDocumentChange::changeWithTimestamp(timestamp, layout, metadata, infos, &unreadable);
+    unexpected += unreadable;
+    for (const QString& key : unexpected) {
+        qCWarning(lcDocument).noquote()
+            << nbFormat("Unexpected key-value for change of document '%@' (%@): %@ -> %@", documentUUID,
+                        storePath(), key, valueText(values.value(key)));
+    }
+    return change;
+}
+
+NBDocumentChange NBDocument::documentChangeSinceTimestamp(NBTimestamp timestamp) {
+    QVariantMap values;
+    NBTimestamp newest = timestamp;
+    // Ascending order: a later entry for a key replaces an earlier one.
+    for (const OAKChange& change : changesSinceTimestamp(timestamp)) {
+        values.insert(change.key, change.propertyList);
+        newest = std::max(newest, change.timestamp);
+    }
+    return documentChangeWithValues(newest, values, uuid());
+}
+
+std::vector<NBDocumentChange> NBDocument::individualDocumentChangesSinceTimestamp(NBTimestamp timestamp) {
+    std::vector<NBDocumentChange> changes;
+    const QString documentUUID = uuid();
+    for (const OAKChange& change : changesSinceTimestamp(timestamp)) {
+        NBDocumentChange documentChange =
+            documentChangeWithValues(change.timestamp, {{change.key, change.propertyList}}, documentUUID);
+        if (!documentChange.isEmpty())
+            changes.push_back(std::move(documentChange));
+    }
+    return changes;
+}
+
+// MARK: - Text dump
+
+QStringList NBDocument::contentDumpArray() const {
+    QStringList lines;
+    const QVariantMap values = metadata();
+    QStringList keys = {QString::fromUtf8(kNBDocumentUUIDKey), QString::fromUtf8(kNBDocumentTitleKey),
+                        QString::fromUtf8(kNBDocumentAuthorKey)};
+    for (const QString& key : validMetadataKeys()) {
+        if (!keys.contains(key))
+            keys.append(key);
+    }
+    for (const QString& key : keys) {
+        if (values.contains(key))
+            lines.append(nbFormat("%@: %@\n", key, valueText(values.value(key))));
+    }
+    QList<NBParagraph> all = paragraphs();
+    updateNumberedListCountersForParagraphs(all);
+    qsizetype index = 0;
+    for (const NBParagraph& paragraph : all) {
+        QString text = nbFormat("\nParagraph %@ - %@\n", QString::number(index++), paragraph.type());
+        if (paragraph.isDayType())
+            text += paragraph.dayRep();
+        else if (paragraph.isTableType())
+            text += paragraph.content();
+        else {
+            if (paragraph.listItemIndex())
+                text += QString::number(*paragraph.listItemIndex() + 1) + QLatin1String(". ");
+            text += paragraph.plainTextContent();
+        }
+        lines.append(text + QLatin1Char('\n'));
+    }
+    return lines;
+}
+
+QString NBDocument::contentDump() const {
+    return contentDumpArray().join(QString());
+}

@@ -1,0 +1,127 @@
+// Black-box tests of `quillon doc`: the built binary run against packages in a temporary folder.
+#include "foundation/testing/NBTemporaryDirectory.h"
+
+#include <QCryptographicHash>
+#include <QDirIterator>
+#include <QFileInfo>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
+#include <gtest/gtest.h>
+
+namespace {
+
+struct CommandRun {
+    int exitCode = -1;
+    QString out;
+    QString err;
+    std::string describe() const {
+        return QStringLiteral("exit %1\nstdout: %2\nstderr: %3").arg(exitCode).arg(out, err).toStdString();
+    }
+};
+
+CommandRun quillon(const QStringList& arguments) {
+    QProcess process;
+    process.start(QStringLiteral(QUILLON_BINARY), QStringList{"doc"} + arguments);
+    process.waitForFinished(60000);
+    return {process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1,
+            QString::fromUtf8(process.readAllStandardOutput()).trimmed(),
+            QString::fromUtf8(process.readAllStandardError()).trimmed()};
+}
+
+QMap<QString, QByteArray> snapshot(const QString& root) {
+    QMap<QString, QByteArray> files;
+    QDirIterator iterator(root, QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden,
+                          QDirIterator::Subdirectories);
+    while (iterator.hasNext()) {
+        const QString path = iterator.next();
+        QFile file(path);
+        files.insert(path, QFileInfo(path).isDir() || !file.open(QIODevice::ReadOnly)
+                               ? QByteArray("dir")
+                               : QCryptographicHash::hash(file.readAll(), QCryptographicHash::Sha256));
+    }
+    return files;
+}
+
+TEST(DocCommand, NewAppendShowAndJSON) {
+    NBTemporaryDirectory directory;
+    const CommandRun created = quillon({"new", "experiment", directory.filePath("Experiments"), "--title",
+                                        "CommandRun 1", "--device", "bench"});
+    ASSERT_EQ(created.exitCode, 0) << created.describe() << directory.listing().toStdString();
+    const QString package = created.out;
+    EXPECT_TRUE(QFileInfo(package).isDir());
+    EXPECT_TRUE(package.endsWith(".nbexperiment"));
+
+    const std::vector<QStringList> appends = {
+        {"--type", "step", "--content", "Day two step", "--day", "2024-03-08"},
+        {"--type", "normal", "--content", "<b>bold</b> start", "--day", "2024-03-07"},
+        {"--type", "note", "--content", "closing note"},
+    };
+    for (const QStringList& arguments : appends) {
+        const CommandRun appended =
+            quillon(QStringList{"append", package} + arguments + QStringList{"--device", "bench"});
+        ASSERT_EQ(appended.exitCode, 0) << appended.describe();
+        EXPECT_EQ(appended.out.size(), 36);
+    }
+
+    const CommandRun shown = quillon({"show", package});
+    ASSERT_EQ(shown.exitCode, 0) << shown.describe();
+    EXPECT_TRUE(
+        shown.out.startsWith("uuid: " + QFileInfo(package).completeBaseName() + "\ntitle: CommandRun 1\n"))
+        << shown.describe();
+    EXPECT_TRUE(shown.out.contains("Paragraph 1 - normal\nbold start")) << shown.describe();
+
+    const CommandRun json = quillon({"json", package});
+    ASSERT_EQ(json.exitCode, 0) << json.describe();
+    const QJsonObject object = QJsonDocument::fromJson(json.out.toUtf8()).object();
+    EXPECT_EQ(object["kind"].toString(), "experiment");
+    EXPECT_EQ(object["metadata"].toObject()["title"].toString(), "CommandRun 1");
+    QStringList types;
+    for (const QJsonValue paragraph : object["paragraphs"].toArray())
+        types.append(paragraph.toObject()["info"].toObject()["type"].toString());
+    EXPECT_EQ(types, QStringList({"day", "normal", "day", "step", "note"}));
+
+    const CommandRun protocol =
+        quillon({"new", "protocol", directory.path(), "--title", "P", "--device", "bench"});
+    ASSERT_EQ(protocol.exitCode, 0) << protocol.describe();
+    ASSERT_EQ(
+        quillon({"append", protocol.out, "--type", "step", "--content", "s", "--day", "3", "--device", "b"})
+            .exitCode,
+        0);
+    EXPECT_TRUE(quillon({"show", protocol.out}).out.contains("{day:3}"));
+}
+
+TEST(DocCommand, ErrorsAndReadingChangeNothing) {
+    NBTemporaryDirectory directory;
+    const CommandRun created =
+        quillon({"new", "protocol", directory.path(), "--title", "P", "--device", "bench"});
+    ASSERT_EQ(created.exitCode, 0) << created.describe();
+    const QString package = created.out;
+    const QMap<QString, QByteArray> before = snapshot(directory.path());
+
+    const std::vector<QStringList> failing = {
+        {"append", package, "--type", "hologram", "--content", "x", "--device", "bench"},
+        {"append", package, "--type", "day", "--content", "x", "--device", "bench"},
+        {"append", package, "--type", "step", "--content", "x", "--day", "2024-02-30", "--device", "bench"},
+        {"append", package, "--type", "step", "--content", "x", "--day", "soon", "--device", "bench"},
+        {"append", package, "--type", "step", "--content", "x", "--device", "../escape"},
+        {"append", directory.filePath("missing.nbprotocol"), "--type", "step", "--content", "x", "--device",
+         "b"},
+        {"append", directory.path(), "--type", "step", "--content", "x", "--device", "bench"},
+        {"new", "notebook", directory.path(), "--title", "x", "--device", "bench"},
+        {"show", directory.filePath("missing.nbexperiment")},
+        {"json", directory.path()},
+    };
+    for (const QStringList& arguments : failing) {
+        const CommandRun run = quillon(arguments);
+        EXPECT_NE(run.exitCode, 0) << arguments.join(' ').toStdString() << "\n" << run.describe();
+        EXPECT_TRUE(run.err.startsWith("quillon doc: ") || run.err.contains("Error")) << run.describe();
+    }
+    // Reading as an unknown device creates nothing either.
+    EXPECT_EQ(quillon({"show", package}).exitCode, 0);
+    EXPECT_EQ(quillon({"json", package}).exitCode, 0);
+    EXPECT_EQ(snapshot(directory.path()), before) << directory.listing().toStdString();
+}
+
+} // namespace
