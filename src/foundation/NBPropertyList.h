@@ -42,13 +42,13 @@
 // `<plist version="1.0">` holding one value: <dict> (alternating <key> and value), <array>, <string>,
 // <integer> (decimal; the reader also takes 0x hexadecimal), <real> (shortest decimal form that reads back
 // exactly; "nan", "inf" and "-inf", and the reader also takes "+infinity" and "-infinity"), <true/>,
-// <false/>, <date> (UTC, "yyyy-MM-ddTHH:mm:ssZ", with ".mmm" fractional seconds only when they are not
-// zero; the reader takes any number of fractional digits, and years outside 1..9999 are written with more
+// <false/>, <date> (UTC, "yyyy-MM-ddTHH:mm:ssZ", whole seconds: the fraction of a second is dropped on
+// writing, because other readers (Python's plistlib, the platform's own) refuse it; our reader takes any
+// number of fractional digits written by others, and years outside 1..9999 are written with more
 // digits or a minus sign, counted as QDate counts them, without a year zero) and <data> (base64). XML
 // cannot hold some characters (most control characters, U+FFFE, U+FFFF, unpaired surrogates): strings
 // holding them are refused by the XML writer (the binary format holds them). Carriage returns are written as
-// "&#13;" so that they read back as they were. Some other readers (Python's plistlib) refuse fractional
-// seconds in XML dates; files meant for them should hold whole seconds. The reader also takes a bare value
+// "&#13;" so that they read back as they were. The reader also takes a bare value
 // without the plist element, comments, and documents in any encoding QXmlStreamReader knows (UTF-16 with
 // a byte-order mark, say); it expands no external entities, and internal ones only up to Qt's limit.
 //

@@ -58,12 +58,9 @@ QString formatDate(const QDateTime& date) {
                                                            .arg(time.hour(), 2, 10, QLatin1Char('0'))
                                                            .arg(time.minute(), 2, 10, QLatin1Char('0'))
                                                            .arg(time.second(), 2, 10, QLatin1Char('0'));
-    if (time.msec() != 0) {
-        QString fraction = QStringLiteral("%1").arg(time.msec(), 3, 10, QLatin1Char('0'));
-        while (fraction.endsWith(QLatin1Char('0')))
-            fraction.chop(1);
-        text += QLatin1Char('.') + fraction;
-    }
+    // Whole seconds only, as every XML property-list reader expects: plistlib and the platform's own
+    // reader refuse a fraction, and information files must stay readable by other tools. The reader still
+    // accepts fractions written by others.
     return text + QLatin1Char('Z');
 }
 
