@@ -32,6 +32,10 @@
 
 // The QTextCharFormat property that marks the pop style, which has no character format of its own.
 inline constexpr int NBPopTextFormatProperty = QTextFormat::UserProperty + 0x4E42;
+// Marks character formats made from styles. Formats without it come from elsewhere (rich text pasted or
+// imported through Qt's HTML reader, which draws every link underlined in the palette's link colour); there
+// that link look is not read as underline and text colour styles.
+inline constexpr int NBStyledTextFormatProperty = QTextFormat::UserProperty + 0x4E43;
 
 class QTextCursor;
 class QTextDocument;

@@ -3,6 +3,8 @@
 // NBStyledString.h).
 #include "document/NBStyledString.h"
 
+#include <QGuiApplication>
+#include <QPalette>
 #include <QTextBlock>
 #include <QTextCursor>
 #include <QTextDocument>
@@ -47,16 +49,20 @@ QTextCharFormat NBStyledString::attributesFromStyles(const NBStyleSet& styles,
         format.setProperty(NBPopTextFormatProperty, true);
     else
         format.clearProperty(NBPopTextFormatProperty);
+    format.setProperty(NBStyledTextFormatProperty, true);
     return format;
 }
 
 NBStyleSet NBStyledString::stylesFromAttributes(const QTextCharFormat& attributes) {
     NBStyleSet styles;
+    const bool isLink = attributes.isAnchor() && !attributes.anchorHref().isEmpty();
+    const bool drawnAsLink = isLink && !attributes.property(NBStyledTextFormatProperty).toBool();
+    const QColor linkColor = qGuiApp ? QGuiApplication::palette().link().color() : QColor(Qt::blue);
     if (attributes.fontWeight() >= QFont::DemiBold)
         styles.insert(NBStyle::bold());
     if (attributes.fontItalic())
         styles.insert(NBStyle::italic());
-    if (attributes.fontUnderline())
+    if (attributes.fontUnderline() && !drawnAsLink)
         styles.insert(NBStyle::underline());
     if (attributes.fontStrikeOut())
         styles.insert(NBStyle::strikethrough());
@@ -67,13 +73,14 @@ NBStyleSet NBStyledString::stylesFromAttributes(const QTextCharFormat& attribute
     else if (attributes.verticalAlignment() == QTextCharFormat::AlignSubScript)
         styles.insert(NBStyle::subscript());
     if (attributes.hasProperty(QTextFormat::ForegroundBrush) &&
-        attributes.foreground().style() != Qt::NoBrush)
+        attributes.foreground().style() != Qt::NoBrush &&
+        !(drawnAsLink && attributes.foreground().color() == linkColor))
         styles.insert(NBStyle::styleForTextColor(attributes.foreground().color()));
     if (attributes.hasProperty(QTextFormat::BackgroundBrush) &&
         attributes.background().style() != Qt::NoBrush)
         styles.insert(NBStyle::styleForBackgroundColor(attributes.background().color()));
     // Named anchors (<a name=...>) are not links.
-    if (attributes.isAnchor() && !attributes.anchorHref().isEmpty())
+    if (isLink)
         styles.insert(NBStyle::styleForHyperlinkURL(attributes.anchorHref()));
     if (attributes.property(NBPopTextFormatProperty).toBool())
         styles.insert(NBStyle::pop());

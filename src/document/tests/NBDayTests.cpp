@@ -33,7 +33,14 @@ private:
     QByteArray previous_;
 };
 
-const char* const kTimeZones[] = {"Pacific/Kiritimati", "America/Los_Angeles", "UTC", "Pacific/Pago_Pago"};
+struct TimeZone {
+    const char* name;
+    int offsetOnMarch7; // seconds east of GMT on 2024-03-07, to check that the zone is really in force
+};
+const TimeZone kTimeZones[] = {{"Pacific/Kiritimati", 14 * 3600},
+                               {"America/Los_Angeles", -8 * 3600},
+                               {"UTC", 0},
+                               {"Pacific/Pago_Pago", -11 * 3600}};
 
 NBDay calendar(int year, int month, int day) {
     return NBDay::dayWithDateComponents({year, month, {}, day});
@@ -170,12 +177,12 @@ TEST(NBDay, ComparisonTable) {
 
 // Across a daylight-saving change the noons of neighbouring days are 23 or 25 hours apart: still ordered.
 TEST(NBDay, ComparisonAgreesWithAdditionInEveryTimeZone) {
-    for (const char* zone : kTimeZones) {
-        ScopedEnvironment timeZone("TZ", zone);
+    for (const TimeZone& zone : kTimeZones) {
+        ScopedEnvironment timeZone("TZ", zone.name);
         for (const NBDay& start : {calendar(2024, 3, 9), calendar(2024, 11, 2), calendar(2023, 12, 31)}) {
             for (int offset = -3; offset <= 3; ++offset) {
                 const NBDay other = start.dayByAddingDayInterval(offset);
-                EXPECT_EQ(start.compare(other), 0 <=> offset) << zone << " " << offset;
+                EXPECT_EQ(start.compare(other), 0 <=> offset) << zone.name << " " << offset;
                 EXPECT_EQ(other.dayIntervalSinceDay(start), offset);
             }
         }
@@ -183,9 +190,11 @@ TEST(NBDay, ComparisonAgreesWithAdditionInEveryTimeZone) {
 }
 
 TEST(NBDay, SameDaysInEveryTimeZone) {
-    for (const char* zone : kTimeZones) {
-        ScopedEnvironment timeZone("TZ", zone);
-        SCOPED_TRACE(zone);
+    for (const TimeZone& zone : kTimeZones) {
+        ScopedEnvironment timeZone("TZ", zone.name);
+        SCOPED_TRACE(zone.name);
+        ASSERT_EQ(QDateTime(QDate(2024, 3, 7), QTime(12, 0), Qt::LocalTime).offsetFromUtc(),
+                  zone.offsetOnMarch7);
         const NBDay day = NBDay::dayWithStringRepresentation(u"{year:2024,month:3,day:7}");
         EXPECT_EQ(day, calendar(2024, 3, 7));
         EXPECT_EQ(day.stringRepresentation(), "{year:2024,month:3,day:7}");
@@ -272,8 +281,9 @@ RC_GTEST_PROP(NBDay, FormsRoundTrip, (int year, int month, int day, qint64 anyRe
 }
 
 RC_GTEST_PROP(NBDay, ReadersAcceptAnyText, (const std::string& bytes, std::uint64_t integer)) {
-    const QString text = QString::fromUtf8(bytes.data(), qsizetype(bytes.size())) + *rc::gen::element<QString>(
-        "", "2024,month:3,day:7", "٢٠٢٤,month:٣,day:٧", "99999999999,month:1,day:1", "1,month:99,day:999");
+    const QString text = QString::fromUtf8(bytes.data(), qsizetype(bytes.size())) +
+                         *rc::gen::element<QString>("", "2024,month:3,day:7", "٢٠٢٤,month:٣,day:٧",
+                                                    "99999999999,month:1,day:1", "1,month:99,day:999");
     for (const QString& candidate : {text, text + "}", "{year:" + text + "}", "{day:" + text + "}"}) {
         const NBDay day = NBDay::dayWithStringRepresentation(candidate);
         if (!day.isNull())

@@ -221,12 +221,15 @@ TEST(NBStyledStringRichText, ShowsStylesAsCharacterFormats) {
     QTextDocument pasted;
     pasted.setHtml(
         "<p><b>x</b><i>y</i><span style=\"text-decoration:line-through; vertical-align:sub\">z</span>"
-        "<a name=\"n\">w</a></p>");
+        "<a name=\"n\">w</a><a href=\"http://u.org\">link</a><u style=\"color:#00f\">v</u></p>");
+    // Qt draws links underlined in the link colour; that is how they look, not styles of their own.
     EXPECT_EQ(NBStyledString::styledStringFromAttributedString(pasted),
               make({{"x", {bold}},
                     {"y", {italic}},
                     {"z", {NBStyle::strikethrough(), NBStyle::subscript()}},
-                    {"w", {}}}));
+                    {"w", {}},
+                    {"link", {link("http://u.org")}},
+                    {"v", {NBStyle::underline(), textColor(Qt::blue)}}}));
 }
 
 RC_GTEST_PROP(NBStyledStringRichText, RoundTripKeepsEveryStyle, ()) {
