@@ -154,6 +154,13 @@ TEST(NBTimeDetectorTests, LeavesOutAPatternThatDoesNotCompile) {
         QString::number(hms(0, 0, 20)));
 }
 
+// Searching from every digit of a long run made each search take time growing with the square of the
+// run's length (minutes for this text); the test program's time limit catches a return of that.
+TEST(NBTimeDetectorTests, LongRunOfDigitsIsSearchedOnce) {
+    const QString text = QString(200'000, QLatin1Char('7')) + QStringLiteral("hx, then spin 5 min");
+    EXPECT_EQ(describe(NBTimeDetector::firstMatchForDurationInString(text)), QString::number(hms(0, 5, 0)));
+}
+
 TEST(NBTimeDetectorTests, ThreadsDetectAtTheSameTime) {
     std::vector<std::thread> threads;
     std::vector<int> mismatches(4, 0);
