@@ -9,6 +9,12 @@
 // prime (5' 30") are minutes and seconds; "1:30:15" is no duration (the three-part clock needs two-digit
 // hours); number words are read only in lower case and between blanks ("two hours", not "Two hours").
 //
+// Speed: before any search, one pass over the prepared text notes which characters follow its runs of
+// digits and where those runs begin. A pattern whose unit or separator never follows a number is not
+// searched, and a pattern that begins with a run of digits is matched only where a run begins (a plain
+// search would retry from every digit of a long run). Both shortcuts give exactly the results of plain
+// searches over the whole table; the tests compare the two on random texts.
+//
 // Both tables are built once, on first use, and are read-only afterwards; every call keeps its matching
 // state to itself (each thread matches with its own matchers), so any thread may call the detector.
 #pragma once
