@@ -272,8 +272,11 @@ NBStyle NBStyle::styleWithKey(const QString& key, const QVariant& value) {
         return styleForBackgroundColor(value.typeId() == QMetaType::QColor ? value.value<QColor>()
                                                                            : QColor());
     case Kind::Hyperlink:
+        // An address, or true for a link whose address is its text.
         if (value.typeId() == QMetaType::QString)
             return styleForHyperlinkURL(value.toString());
+        if (isTrue)
+            return hyperlink();
         break;
     default:
         break;

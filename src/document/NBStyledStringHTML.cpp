@@ -335,6 +335,8 @@ bool isSafeAddress(const QString& address) {
            !scheme.startsWith(u"data:");
 }
 
+constexpr std::size_t kMaximumNesting = 256;
+
 class HTMLReader {
 public:
     NBStyledString read(QStringView html) {
@@ -455,7 +457,9 @@ private:
                 pendingSpace_ = false;
             }
         }
-        if (voidElements().contains(name) || selfClosing)
+        // Nesting deeper than any real document is not followed, so hostile input cannot make reading slow
+        // (every piece of text looks at the open elements).
+        if (voidElements().contains(name) || selfClosing || stack_.size() >= kMaximumNesting)
             return;
         OpenElement element;
         element.name = name;

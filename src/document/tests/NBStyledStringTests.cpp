@@ -133,6 +133,8 @@ TEST(NBStyledString, TagTablesAndStyleIdentity) {
     EXPECT_EQ(NBStyle::styleWithKey("NBBold", true), NBStyle::bold());
     EXPECT_NE(NBStyle::styleWithKey("NBBold", false), NBStyle::bold());
     EXPECT_EQ(NBStyle::styleWithKey("NBTextColor", QVariant()), NBStyle::anyTextColor());
+    EXPECT_EQ(NBStyle::styleWithKey("NBHyperlink", true), NBStyle::hyperlink());
+    EXPECT_EQ(NBStyle::styleWithKey("NBHyperlink", "http://x.org").hyperlinkURL(), "http://x.org");
     // Any-colour styles stand for any colour of their kind in queries.
     NBStyleSet styles{red};
     EXPECT_TRUE(styles.contains(NBStyle::anyTextColor()));

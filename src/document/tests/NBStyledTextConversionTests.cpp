@@ -100,6 +100,9 @@ TEST(NBStyledStringHTML, ReadsWhatBrowsersAndOfficeProgramsWrite) {
             {"<sup>1<sub>2</sub></sup>",
              make({{"1", {NBStyle::superscript()}}, {"2", {NBStyle::subscript()}}})},
             {"<b", make({})},
+            // Nesting beyond any real document is not followed, and does not make reading slow.
+            {QString("<i>").repeated(100000) + "x" + QString("<u>y").repeated(1000),
+             make({{"x" + QString("y").repeated(1000), {italic}}})},
             {"<b title=\"a > b\">x</b>", make({{"x", {bold}}})},
         });
 }
