@@ -253,6 +253,23 @@ QStringList NBDocument::layoutFromMemory() const {
     return stringListFromVariant(memory_.value(layoutKey()));
 }
 
+QVariantList NBDocument::layoutValueFromMemory() const {
+    const QVariant value = memory_.value(layoutKey());
+    return value.metaType().id() == QMetaType::QVariantList ? value.toList() : QVariantList();
+}
+
+qsizetype NBDocument::indexOfUUID(const QVariantList& layout, const QString& uuid) {
+    // Compares the strings in place: converting 10,000 QVariants to QString for one edit costs more than
+    // the edit itself.
+    for (qsizetype index = 0; index < layout.size(); ++index) {
+        const QVariant& item = layout.at(index);
+        if (item.metaType().id() == QMetaType::QString &&
+            *static_cast<const QString*>(item.constData()) == uuid)
+            return index;
+    }
+    return -1;
+}
+
 QList<NBParagraph> NBDocument::paragraphsFromMemory() const {
     const QStringList uuids = layoutFromMemory();
     QList<NBParagraph> paragraphs;
@@ -293,11 +310,17 @@ std::optional<NBParagraph> NBDocument::paragraphWithUUID(const QString& uuid) co
 
 void NBDocument::insertParagraphs(const QList<NBParagraph>& paragraphs, const QString& beforeParagraphUUID) {
     runTransaction([&] {
-        QStringList layout = layoutFromMemory();
-        QSet<QString> present(layout.begin(), layout.end());
-        qsizetype index = beforeParagraphUUID.isEmpty() ? -1 : layout.indexOf(beforeParagraphUUID);
+        QVariantList layout = layoutValueFromMemory();
+        qsizetype index = beforeParagraphUUID.isEmpty() ? -1 : indexOfUUID(layout, beforeParagraphUUID);
         if (index < 0)
             index = layout.size();
+        // A set of the layout's UUIDs pays off only for many paragraphs; one or a few are looked up in place.
+        const bool many = paragraphs.size() > 8;
+        QSet<QString> present;
+        if (many) {
+            const QStringList uuids = stringListFromVariant(layout);
+            present = QSet<QString>(uuids.begin(), uuids.end());
+        }
         QVariantMap values;
         for (const NBParagraph& paragraph : paragraphs) {
             const QString& uuid = paragraph.uuid();
@@ -307,19 +330,20 @@ void NBDocument::insertParagraphs(const QList<NBParagraph>& paragraphs, const QS
                 continue;
             }
             values.insert(uuid, paragraph.info());
-            if (present.contains(uuid)) {
+            const qsizetype existing = !many || present.contains(uuid) ? indexOfUUID(layout, uuid) : -1;
+            if (existing >= 0) {
                 // A move: the UUID leaves its old place, so the layout never lists it twice.
-                const qsizetype existing = layout.indexOf(uuid);
                 layout.removeAt(existing);
                 if (existing < index)
                     --index;
             }
-            present.insert(uuid);
+            if (many)
+                present.insert(uuid);
             layout.insert(index++, uuid);
         }
         if (values.isEmpty())
             return;
-        values.insert(layoutKey(), variantListFromStringList(layout));
+        values.insert(layoutKey(), layout);
         setEntriesFromDictionary(values);
     });
 }
@@ -331,9 +355,10 @@ void NBDocument::insertParagraph(const NBParagraph& paragraph, const QString& be
 void NBDocument::insertParagraphAfterParagraphWithUUID(const NBParagraph& paragraph,
                                                        const QString& afterParagraphUUID) {
     runTransaction([&] {
-        const QStringList layout = layoutFromMemory();
-        const qsizetype index = layout.indexOf(afterParagraphUUID);
-        const QString before = index >= 0 && index + 1 < layout.size() ? layout.at(index + 1) : QString();
+        const QVariantList layout = layoutValueFromMemory();
+        const qsizetype index = indexOfUUID(layout, afterParagraphUUID);
+        const QString before =
+            index >= 0 && index + 1 < layout.size() ? layout.at(index + 1).toString() : QString();
         insertParagraphs({paragraph}, before);
     });
 }
@@ -346,7 +371,7 @@ void NBDocument::modifyParagraph(const NBParagraph& paragraph) {
     if (paragraph.uuid().isEmpty())
         return;
     runTransaction([&] {
-        if (layoutFromMemory().contains(paragraph.uuid()))
+        if (indexOfUUID(layoutValueFromMemory(), paragraph.uuid()) >= 0)
             setPropertyListValue(paragraph.info(), paragraph.uuid());
     });
 }
@@ -357,9 +382,14 @@ void NBDocument::removeParagraph(const NBParagraph& paragraph) {
 
 void NBDocument::removeParagraphWithUUID(const QString& uuid) {
     runTransaction([&] {
-        QStringList layout = layoutFromMemory();
-        if (layout.removeAll(uuid) > 0)
-            setPropertyListValue(variantListFromStringList(layout), layoutKey());
+        QVariantList layout = layoutValueFromMemory();
+        bool removed = false;
+        for (qsizetype index = indexOfUUID(layout, uuid); index >= 0; index = indexOfUUID(layout, uuid)) {
+            layout.removeAt(index);
+            removed = true;
+        }
+        if (removed)
+            setPropertyListValue(layout, layoutKey());
     });
 }
 
@@ -409,14 +439,39 @@ void NBDocument::appendParagraph(const NBParagraph& paragraph, const NBDay& day)
 }
 
 void NBDocument::appendParagraphToDayInTransaction(const NBParagraph& paragraph, const NBDay& day) {
-    const QList<NBParagraph> all = paragraphsFromMemory();
-    qsizetype kept = -1;
+    // The readable paragraphs of the layout, with the days of day paragraphs; the others are not rebuilt,
+    // so that placing a paragraph in a long document stays cheap.
+    struct Entry {
+        qsizetype layoutIndex;
+        bool isDay;
+        NBDay day;
+    };
+    const QVariantList layout = layoutValueFromMemory();
+    const QString typeKey = QString::fromUtf8(kNBParagraphTypeKey);
+    const QString dayRepKey = QString::fromUtf8(kNBParagraphDayRepKey);
+    std::vector<Entry> entries;
+    entries.reserve(std::size_t(layout.size()));
+    for (qsizetype index = 0; index < layout.size(); ++index) {
+        const auto found = memory_.constFind(layout.at(index).toString());
+        if (found == memory_.constEnd() || found.value().metaType().id() != QMetaType::QVariantMap)
+            continue;
+        const QVariantMap info = found.value().toMap();
+        const std::optional<NBParagraphKind> kind =
+            NBParagraph::paragraphSubclassForType(info.value(typeKey).toString());
+        if (!kind)
+            continue;
+        const bool isDay = *kind == NBParagraphKind::Day;
+        entries.push_back(
+            {index, isDay,
+             isDay ? NBDay::dayWithStringRepresentation(info.value(dayRepKey).toString()) : NBDay()});
+    }
+    std::optional<std::size_t> kept;
     bool anyDay = false;
-    for (qsizetype index = 0; index < all.size(); ++index) {
-        if (!all.at(index).isDayType())
+    for (std::size_t index = 0; index < entries.size(); ++index) {
+        if (!entries[index].isDay)
             continue;
         anyDay = true;
-        if (all.at(index).day().compare(day) > 0)
+        if (entries[index].day.compare(day) > 0)
             break;
         kept = index;
     }
@@ -426,20 +481,19 @@ void NBDocument::appendParagraphToDayInTransaction(const NBParagraph& paragraph,
         return;
     }
     // Every day is later: the document begins with the new day and the paragraph.
-    if (kept < 0) {
-        insertParagraphs({NBParagraph::dayParagraphWithDay(day), paragraph}, all.first().uuid());
+    if (!kept) {
+        insertParagraphs({NBParagraph::dayParagraphWithDay(day), paragraph},
+                         layout.at(entries.front().layoutIndex).toString());
         return;
     }
     // The anchor is the last paragraph of the kept day, or the day paragraph itself when its day is empty.
-    qsizetype end = kept + 1;
-    while (end < all.size() && !all.at(end).isDayType())
+    std::size_t end = *kept + 1;
+    while (end < entries.size() && !entries[end].isDay)
         ++end;
-    const NBParagraph& anchor = all.at(end - 1);
-    const QStringList layout = layoutFromMemory();
-    const qsizetype anchorIndex = layout.indexOf(anchor.uuid());
+    const qsizetype anchorIndex = entries[end - 1].layoutIndex;
     const QString before =
-        anchorIndex >= 0 && anchorIndex + 1 < layout.size() ? layout.at(anchorIndex + 1) : QString();
-    if (all.at(kept).day() == day)
+        anchorIndex + 1 < layout.size() ? layout.at(anchorIndex + 1).toString() : QString();
+    if (entries[*kept].day == day)
         insertParagraphs({paragraph}, before);
     else
         insertParagraphs({NBParagraph::dayParagraphWithDay(day), paragraph}, before);

@@ -240,6 +240,9 @@ protected:
 
 private:
     QStringList layoutFromMemory() const;
+    // The stored layout as it is (empty when it is not an array), and a UUID's index in it (-1: absent).
+    QVariantList layoutValueFromMemory() const;
+    static qsizetype indexOfUUID(const QVariantList& layout, const QString& uuid);
     // Builds the change of a set of key-values (keys of one timestamp or of a merged range).
     NBDocumentChange documentChangeWithValues(NBTimestamp timestamp, const QVariantMap& values,
                                               const QString& documentUUID) const;
