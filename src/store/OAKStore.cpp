@@ -747,19 +747,22 @@ void OAKStore::startWatching() {
             store->respondToFileSystemEventWithPaths(paths);
     });
     watchedFolders_.clear();
+    watching_ = true;
     refreshStoreList();
 }
 
 void OAKStore::stopWatching() {
     if (watcherToken_ == 0)
         return;
+    watching_ = false;
     OAKStoreWatcher::shared().unregisterHandler(watcherToken_);
     watcherToken_ = 0;
     watchedFolders_.clear();
 }
 
 void OAKStore::respondToFileSystemEventWithPaths(const QStringList& paths) {
-    if (deleted_ || inMemory_)
+    // A report that was on its way while the store stopped watching (tear-down) is dropped.
+    if (deleted_ || inMemory_ || !watching_)
         return;
     if (!QFileInfo(storePath()).isDir()) {
         accommodatePresentedItemDeletion();
@@ -807,6 +810,13 @@ void OAKStore::_sync() {
     databaseQueue_->cancelTimerWithName(QStringLiteral("sync_coalesce"));
     if (!loaded_ || deleted_ || inMemory_)
         return;
+    // The package's own deletion is not always reported: while the store holds its log open, the kernel
+    // defers the package folder's deletion event until the log is closed. The reports of its contents going
+    // away trigger this sync, which finds the package gone.
+    if (!QFileInfo(storePath()).isDir()) {
+        accommodatePresentedItemDeletion();
+        return;
+    }
     syncStep(true);
     postNotificationWithName(QString::fromUtf8(OAKStoreDidSyncNotification));
 }

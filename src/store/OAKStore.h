@@ -341,6 +341,7 @@ protected:
     std::size_t unwrittenRowCount_ = 0;            // rows that found no writable log since the last save
     std::atomic<unsigned long long> saveCommitCount_{0};
     unsigned long long watcherToken_ = 0;
+    std::atomic<bool> watching_{false};
     QStringList watchedFolders_;
 
 private:

@@ -9,6 +9,8 @@
 #include <QProcess>
 #include <gtest/gtest.h>
 
+#include <csignal>
+
 namespace {
 
 struct CommandRun {
@@ -161,6 +163,56 @@ TEST(StoreCommand, ReadingCommandsLeaveThePackageByteIdentical) {
     for (const CommandRun& run : {get, dump, changes, later, devices})
         EXPECT_EQ(run.exitCode, 0) << run.describe();
     EXPECT_EQ(treeSnapshot(directory.path()), before) << directory.listing().toStdString();
+}
+
+} // namespace
+
+namespace {
+
+TEST(StoreCommand, MergeAndWatch) {
+    NBTemporaryDirectory directory;
+    const QString first = directory.filePath(QStringLiteral("A.nbexperiment"));
+    const QString second = directory.filePath(QStringLiteral("B.nbexperiment"));
+    ASSERT_EQ(
+        set(first, QStringLiteral("title"), QStringLiteral("\"from A\""), QStringLiteral("one")).exitCode, 0);
+    ASSERT_EQ(
+        set(second, QStringLiteral("title"), QStringLiteral("\"from B\""), QStringLiteral("two")).exitCode,
+        0);
+    const auto sourceBefore = treeSnapshot(second);
+    const CommandRun merged = quillon({QStringLiteral("store"), QStringLiteral("merge"), first, second,
+                                       QStringLiteral("--device"), QStringLiteral("one")});
+    EXPECT_EQ(merged.exitCode, 0) << merged.describe();
+    EXPECT_EQ(quillon({QStringLiteral("store"), QStringLiteral("get"), first, QStringLiteral("title")}).out,
+              QStringLiteral("\"from B\""));
+    EXPECT_EQ(treeSnapshot(second), sourceBefore);
+    const CommandRun unsafeLocal =
+        quillon({QStringLiteral("store"), QStringLiteral("merge"), first, second, QStringLiteral("--device"),
+                 QStringLiteral("one"), QStringLiteral("--unsafe"), QStringLiteral("one")});
+    EXPECT_NE(unsafeLocal.exitCode, 0);
+    EXPECT_TRUE(unsafeLocal.err.contains(QStringLiteral("(1508)"))) << unsafeLocal.describe();
+
+    QProcess watcher;
+    watcher.start(QStringLiteral(QUILLON_BINARY), {QStringLiteral("store"), QStringLiteral("watch"), first,
+                                                   QStringLiteral("--device"), QStringLiteral("one")});
+    ASSERT_TRUE(watcher.waitForStarted(10000));
+    QThread::msleep(1000);
+    ASSERT_EQ(set(first, QStringLiteral("title"), QStringLiteral("\"from three\""), QStringLiteral("three"))
+                  .exitCode,
+              0);
+    ASSERT_TRUE(waitFor(
+        [&] {
+            watcher.waitForReadyRead(100);
+            return watcher.canReadLine();
+        },
+        10));
+    const QJsonObject line = QJsonDocument::fromJson(watcher.readLine()).object();
+    EXPECT_EQ(line.value(QStringLiteral("notification")).toString(),
+              QStringLiteral("OAKStoreDidChangeNotification"));
+    EXPECT_EQ(line.value(QStringLiteral("values")).toObject().value(QStringLiteral("title")).toString(),
+              QStringLiteral("from three"));
+    ::kill(pid_t(watcher.processId()), SIGINT);
+    ASSERT_TRUE(watcher.waitForFinished(10000));
+    EXPECT_EQ(watcher.exitCode(), 0);
 }
 
 } // namespace
