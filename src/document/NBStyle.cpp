@@ -14,7 +14,6 @@ const QString kHyperlinkTagPrefix = QStringLiteral("a href=\"");
 struct StyleTables {
     QHash<QString, QString> tagsForNames;
     QHash<QString, QString> namesForTags;
-    QHash<QString, NBStyle> stylesForTags;
     QHash<QString, NBStyle::Kind> kindsForNames;
 };
 
