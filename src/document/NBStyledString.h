@@ -41,7 +41,9 @@ class QTextCursor;
 class QTextDocument;
 class QTextDocumentFragment;
 
-// A range of UTF-16 code units.
+// A range of UTF-16 code units. search/NBTextRange.h declares the same type for the search module, which
+// does not see this one; the two are meant to become one type in foundation, and until then no file should
+// include both headers.
 struct NBTextRange {
     qsizetype location = 0;
     qsizetype length = 0;
