@@ -25,16 +25,15 @@ struct KindDescription {
     QStringList properties;
 };
 
-const QStringList kTimerKeys{kNBTimerStartKey, kNBTimerStopKey, kNBTimerDurationKey, kNBTimerElapsedKey,
-                             kNBTimerAppearanceKey};
-
 // The kind table, in NBParagraphKind order. Built once on first use and read-only afterwards.
 const std::vector<KindDescription>& kindDescriptions() {
     static const std::vector<KindDescription> descriptions = [] {
         const QString content = kNBParagraphContentKey, parent = kNBParagraphParentUUIDKey;
+        const QStringList timerKeys{kNBTimerStartKey, kNBTimerStopKey, kNBTimerDurationKey,
+                                    kNBTimerElapsedKey, kNBTimerAppearanceKey};
         const QStringList body{content, parent};
-        const QStringList withTimer = body + kTimerKeys;
-        const QStringList listItem = body + QStringList{kNBParagraphIndentationLevelKey} + kTimerKeys;
+        const QStringList withTimer = body + timerKeys;
+        const QStringList listItem = body + QStringList{kNBParagraphIndentationLevelKey} + timerKeys;
         std::vector<KindDescription> table{
             {NBParagraphKind::Day, "NBParagraphDay", kNBParagraphTypeDay, 1, {kNBParagraphDayRepKey}},
             {NBParagraphKind::Step,
@@ -352,7 +351,7 @@ void NBParagraph::setValueForProperty(const QString& key, const QVariant& value)
     }
     if (!allowsProperty(key))
         return;
-    if (value.isNull() && !(value.typeId() == QMetaType::QString && !value.toString().isNull()))
+    if (!value.isValid())
         info_.remove(key);
     else
         info_.insert(key, value);
