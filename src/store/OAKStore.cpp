@@ -834,6 +834,12 @@ void OAKStore::syncSoon() {
                                           OAKTimerBehaviorCoalesce, [this] { _sync(); });
 }
 
+void OAKStore::blockDatabaseQueueWhileRunningBlock(const OAKBlock& block) {
+    if (refuseOnMemoryQueue("blockdatabaseQueueWhileRunningBlock:"))
+        return;
+    databaseQueue_->dispatchSynchronously(block);
+}
+
 void OAKStore::syncNow() {
     if (refuseOnMemoryQueue("syncNow"))
         return;
@@ -956,9 +962,10 @@ bool OAKStore::syncStep(bool announce) {
         Source& source = sources[sourceIndex];
         if (!allKeys && relevant->isEmpty()) {
             // Nothing to resolve: only the log's newest timestamp is wanted.
-            if (const std::optional<OAKLogRow> row = source.log->newestRow(&error))
+            NBError rowError;
+            if (const std::optional<OAKLogRow> row = source.log->newestRow(&rowError))
                 source.newest = row->timestamp;
-            else if (!error.isNull())
+            else if (!rowError.isNull())
                 source.failed = true;
             continue;
         }

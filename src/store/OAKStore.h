@@ -77,6 +77,8 @@ inline constexpr const char* OAKStoreDidSyncNotification = "OAKStoreDidSyncNotif
 inline constexpr const char* OAKStoreDidDeleteNotification = "OAKStoreDidDeleteNotification";
 inline constexpr const char* OAKStoreDidTearDownNotification = "OAKStoreDidTearDownNotification";
 
+// OAKStoreDidSyncNotification is posted after every sync step of a loaded store, after the change
+// notification of the values it brought (if any).
 // Keys of a change notification's user information: "values" (key -> new value) and "timestamps"
 // (key -> timestamp as qint64).
 inline constexpr const char* OAKStoreValuesKey = "values";
@@ -197,6 +199,10 @@ public:
     // the global queue, with no error or with the first error (codes 1498, 1508, 1704, 1722, 1764).
     void mergeStore(const std::shared_ptr<OAKStore>& mergedStore, const QStringList& unsafeDeviceIdentifiers,
                     std::function<void(const std::optional<NBError>& error)> completionHandler);
+
+    // Runs `block` as one step on the database queue, so that no save or sync interleaves with it (for a
+    // caller that copies or replaces the package's files).
+    void blockDatabaseQueueWhileRunningBlock(const OAKBlock& block);
 
     // File-change reports (from the package watcher, or any equivalent source): each changed path leads to
     // the check described above. Only schedules work.
