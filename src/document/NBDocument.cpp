@@ -191,6 +191,8 @@ QVariantMap NBDocument::metadata() const {
 void NBDocument::modifyMetadata(const QVariantMap& metadata) {
     QVariantMap valid;
     for (auto entry = metadata.begin(); entry != metadata.end(); ++entry) {
+        if (!entry.value().isValid())
+            continue;
         if (isValidMetadataKey(entry.key()))
             valid.insert(entry.key(), entry.value());
         else

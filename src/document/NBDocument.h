@@ -102,10 +102,11 @@ public:
     // The values of the valid metadata keys present.
     QVariantMap metadata() const;
     // Sets every entry in one transaction (one timestamp, one notification). Keys that are not valid
-    // metadata keys are ignored and logged.
+    // metadata keys are ignored and logged; null values are ignored (a log cannot remove a key: store an
+    // empty value instead).
     void modifyMetadata(const QVariantMap& metadata);
     QVariant metadataValueForKey(const QString& key) const;
-    // A null value removes the key from the in-memory view (and is not written). Invalid keys are ignored.
+    // As modifyMetadata with one entry.
     void setMetadataValue(const QVariant& value, const QString& key);
 
     QString uuid() const { return stringMetadata(kNBDocumentUUIDKey); }
@@ -201,9 +202,10 @@ protected:
     std::optional<QSet<QString>> relevantKeysForSync() const override;
     void applySyncChangeWithValues(const QVariantMap& values,
                                    const QHash<QString, NBTimestamp>& timestamps) override;
-    // The hook by which a kind updates derived state after a sync. Called on the memory queue, inside the
-    // sync's application of values; NBDocument's does nothing. Override implementsApplyDocumentChange()
-    // to return true along with it.
+    // The hook by which a kind updates derived state after a sync (and after loading, with everything the
+    // load read). Called on the memory queue, inside the sync's application of values, so it reads the
+    // in-memory view directly and must not wait for the database queue; NBDocument's does nothing. Override
+    // implementsApplyDocumentChange() to return true along with it.
     virtual void applyDocumentChange(const NBDocumentChange& change) { Q_UNUSED(change); }
     virtual bool implementsApplyDocumentChange() const { return false; }
 

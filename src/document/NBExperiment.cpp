@@ -47,10 +47,6 @@ std::optional<qint64> NBExperiment::rating() const {
     }
 }
 
-void NBExperiment::setRating(std::optional<qint64> rating) {
-    setMetadataValue(rating ? QVariant(*rating) : QVariant(), QString::fromUtf8(kNBExperimentRatingKey));
-}
-
 bool NBExperiment::done() const {
     const QVariant value = propertyListValueForKey(QString::fromUtf8(kNBExperimentDoneKey));
     return value.metaType().id() == QMetaType::Bool && value.toBool();

@@ -70,7 +70,7 @@ public:
     }
     // Nothing when absent or not an integer.
     std::optional<qint64> rating() const;
-    void setRating(std::optional<qint64> rating);
+    void setRating(qint64 rating) { setMetadataValue(rating, QString::fromUtf8(kNBExperimentRatingKey)); }
     bool done() const;
     void setDone(bool done) { setMetadataValue(done, QString::fromUtf8(kNBExperimentDoneKey)); }
     QString vignetteUUID() const { return stringMetadata(kNBExperimentVignetteUUIDKey); }

@@ -223,6 +223,8 @@ TEST(NBDocument, MetadataKeysPerKind) {
     experiment->setParagraphDone("S1", false);
     EXPECT_EQ(experiment->doneParagraphUUIDs(), QStringList({"S2"}));
     EXPECT_EQ(experiment->rating(), 4);
+    experiment->setMetadataValue(QVariant(), "aim");
+    EXPECT_EQ(experiment->aim(), "A");
     EXPECT_FALSE(experiment->metadataValueForKey("summary").isValid());
     EXPECT_EQ(experiment->uuid().size(), 36);
     EXPECT_EQ(experiment->uuid(), experiment->uuid().toUpper());
