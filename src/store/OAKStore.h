@@ -7,7 +7,7 @@
 // served from an in-memory view; writes update the view at once and reach the device's log on the store's
 // database queue, where timers save them soon after (1 s after the last edit, at most 15 s after the first).
 //
-// Queues. Every store has three serial queues (store/../dispatch/OAKDispatchQueue.h):
+// Queues. Every store has three serial queues (dispatch/OAKDispatchQueue.h):
 // - the memory queue owns the in-memory view (`memory_`, `memoryKeyTimestamps_`, the transaction state);
 //   readers dispatch onto it synchronously, and transactions run on it;
 // - the database queue owns the open logs and the sync bookkeeping (`databaseTimestamps_`, `keyTimestamps_`)
