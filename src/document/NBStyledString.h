@@ -24,6 +24,7 @@
 #pragma once
 
 #include "document/NBStyle.h"
+#include "foundation/NBTextRange.h"
 
 #include <QString>
 #include <QTextCharFormat>
@@ -40,16 +41,6 @@ inline constexpr int NBStyledTextFormatProperty = QTextFormat::UserProperty + 0x
 class QTextCursor;
 class QTextDocument;
 class QTextDocumentFragment;
-
-// A range of UTF-16 code units. search/NBTextRange.h declares the same type for the search module, which
-// does not see this one; the two are meant to become one type in foundation, and until then no file should
-// include both headers.
-struct NBTextRange {
-    qsizetype location = 0;
-    qsizetype length = 0;
-    qsizetype end() const { return location + length; }
-    bool operator==(const NBTextRange&) const = default;
-};
 
 class NBStyledString {
 public:

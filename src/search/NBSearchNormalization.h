@@ -52,7 +52,7 @@
 #pragma once
 
 #include "search/NBCharacterSet.h"
-#include "search/NBTextRange.h"
+#include "foundation/NBTextRange.h"
 
 #include <QList>
 #include <QMap>

@@ -1,5 +1,6 @@
 // A stretch of text given as a location and a length in UTF-16 code units, QString's own unit, so a range
-// can be applied to the text it came from with QString::mid or QStringView::sliced.
+// can be applied to the text it came from with QString::mid or QStringView::sliced. Styled text, search
+// tokens and highlights, and document selections all use it.
 #pragma once
 
 #include <QDebug>
