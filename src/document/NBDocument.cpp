@@ -545,26 +545,27 @@ bool documentFailure(const QString& domain, NBError* outError, qint64 code, cons
 
 } // namespace
 
-// The checks every attachment operation starts with: a paragraph, and a blob path for it.
-#define NB_ATTACHMENT_BLOB_PATH(paragraph, outError, failureValue)                                           \
-    if ((paragraph).uuid().isEmpty()) {                                                                      \
-        documentFailure(                                                                                     \
-            className(), outError, kNBDocumentErrorNilParagraph,                                             \
-            nbFormat("Cannot write attachment for nil paragraph the blob in document at path %@",            \
-                     storePath()));                                                                          \
-        return failureValue;                                                                                 \
-    }                                                                                                        \
-    const std::optional<QString> blobPath = blobPathForParagraph(paragraph);                                 \
-    if (!blobPath) {                                                                                         \
-        documentFailure(className(), outError, kNBDocumentErrorNoBlobPath,                                   \
-                        nbFormat("Cannot determine the blob path for the attachment for paragraph %@, in "   \
-                                 "document at path %@",                                                      \
-                                 (paragraph).uuid(), storePath()));                                          \
-        return failureValue;                                                                                 \
+std::optional<QString> NBDocument::attachmentBlobPath(const NBParagraph& paragraph, NBError* outError) const {
+    if (paragraph.uuid().isEmpty()) {
+        documentFailure(className(), outError, kNBDocumentErrorNilParagraph,
+                        nbFormat("Cannot write attachment for nil paragraph the blob in document at path %@",
+                                 storePath()));
+        return std::nullopt;
     }
+    std::optional<QString> blobPath = blobPathForParagraph(paragraph);
+    if (!blobPath)
+        documentFailure(
+            className(), outError, kNBDocumentErrorNoBlobPath,
+            nbFormat("Cannot determine the blob path for the attachment for paragraph %@, in document "
+                     "at path %@",
+                     paragraph.uuid(), storePath()));
+    return blobPath;
+}
 
 bool NBDocument::writeAttachmentForParagraph(const NBParagraph& paragraph, NBError* outError) {
-    NB_ATTACHMENT_BLOB_PATH(paragraph, outError, false)
+    const std::optional<QString> blobPath = attachmentBlobPath(paragraph, outError);
+    if (!blobPath)
+        return false;
     return writeBlobFromPath(paragraph.sourcePath(), *blobPath, outError);
 }
 
@@ -603,24 +604,32 @@ bool NBDocument::writeAttachmentsForParagraphs(const QList<NBParagraph>& paragra
 
 bool NBDocument::writeAttachmentData(const QByteArray& data, const NBParagraph& paragraph,
                                      NBError* outError) {
-    NB_ATTACHMENT_BLOB_PATH(paragraph, outError, false)
+    const std::optional<QString> blobPath = attachmentBlobPath(paragraph, outError);
+    if (!blobPath)
+        return false;
     return writeBlobData(data, *blobPath, outError);
 }
 
 bool NBDocument::deleteAttachmentForParagraph(const NBParagraph& paragraph, NBError* outError) {
-    NB_ATTACHMENT_BLOB_PATH(paragraph, outError, false)
+    const std::optional<QString> blobPath = attachmentBlobPath(paragraph, outError);
+    if (!blobPath)
+        return false;
     return deleteBlobAtPath(*blobPath, outError);
 }
 
 std::optional<QByteArray> NBDocument::attachmentDataForParagraph(const NBParagraph& paragraph,
                                                                  NBError* outError) const {
-    NB_ATTACHMENT_BLOB_PATH(paragraph, outError, std::nullopt)
+    const std::optional<QString> blobPath = attachmentBlobPath(paragraph, outError);
+    if (!blobPath)
+        return std::nullopt;
     return blobDataAtPath(*blobPath, outError);
 }
 
 std::optional<QString> NBDocument::absolutePathOfAttachmentForParagraph(const NBParagraph& paragraph,
                                                                         NBError* outError) const {
-    NB_ATTACHMENT_BLOB_PATH(paragraph, outError, std::nullopt)
+    const std::optional<QString> blobPath = attachmentBlobPath(paragraph, outError);
+    if (!blobPath)
+        return std::nullopt;
     if (!isInMemory()) {
         const QString path = absolutePathForBlobPath(*blobPath);
         if (!QFileInfo(path).isFile()) {
@@ -646,8 +655,6 @@ std::optional<QString> NBDocument::absolutePathOfAttachmentForParagraph(const NB
     }
     return path;
 }
-
-#undef NB_ATTACHMENT_BLOB_PATH
 
 QString NBDocument::temporaryDirectoryPath() const {
     if (!isInMemory())

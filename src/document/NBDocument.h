@@ -252,6 +252,8 @@ private:
     std::optional<QStringList> syncedLayout() const;
     void appendParagraphToDayInTransaction(const NBParagraph& paragraph, const NBDay& day);
     bool ensureTemporaryDirectory(NBError* outError) const;
+    // The blob path of an attachment operation's paragraph, or the nil-paragraph or no-path failure.
+    std::optional<QString> attachmentBlobPath(const NBParagraph& paragraph, NBError* outError) const;
 
     mutable QString temporaryDirectoryPath_;
 };
