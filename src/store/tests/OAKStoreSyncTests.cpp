@@ -381,6 +381,29 @@ TEST(OAKStoreMerge, UnsafeDeviceDifferencesGoUnderTheCombinedIdentifier) {
     destination->tearDownNow();
 }
 
+TEST(OAKStoreMerge, FailedLogReplacementIsReportedAndTheMergeGoesOn) {
+    NBTemporaryDirectory directory;
+    const QString first = packagePath(directory, QStringLiteral("A"));
+    const QString second = packagePath(directory, QStringLiteral("B"));
+    write(first, QStringLiteral("local"), {{QStringLiteral("mine"), 1}});
+    write(second, QStringLiteral("tablet"), {{QStringLiteral("theirs"), 2}});
+    write(second, QStringLiteral("phone"), {{QStringLiteral("other"), 3}});
+    // A file where the combined device's folder would go: its log cannot be written.
+    ASSERT_TRUE(writeFile(first + QStringLiteral("/devices/local|tablet"), QByteArray("in the way")));
+    auto destination = AllKeysStore::open(first, QStringLiteral("local"));
+    destination->loadNow();
+    const auto error =
+        merge(destination, AllKeysStore::open(second, QStringLiteral("local")), {QStringLiteral("tablet")});
+    ASSERT_TRUE(error.has_value());
+    EXPECT_EQ(error->code(), 1764);
+    EXPECT_TRUE(error->localizedDescription().startsWith(QStringLiteral("error saving moc at path: ")));
+    EXPECT_EQ(readFile(first + QStringLiteral("/devices/local|tablet")), QByteArray("in the way"));
+    // The other devices were merged all the same, and the store was reloaded.
+    EXPECT_EQ(destination->propertyListValueForKey(QStringLiteral("other")).toLongLong(), 3);
+    EXPECT_TRUE(destination->loaded());
+    destination->tearDownNow();
+}
+
 TEST(OAKLogRepresentation, UnionAndDifferenceFollowTheTotalOrder) {
     const auto entry = [](NBTimestamp timestamp, std::optional<QString> key,
                           std::optional<NBTimestamp> parent, std::optional<QByteArray> blob) {
