@@ -13,6 +13,9 @@
 // sources are OAKTimerSource objects served by the one timer thread, which posts their firing back onto
 // this queue. Records are never removed: an idle record remembers the time that throttling measures from.
 //
+// Exceptions: a synchronously dispatched block that throws leaves the queue and the caller's stack as they
+// were and the exception reaches the caller; anything else that throws ends the process (see OAKQueue.cpp).
+//
 // Main queue: see OAKQueue.cpp. The main-queue instance counts as part of the stack exactly on the thread
 // that stands for the main thread, so a synchronous dispatch onto it from that thread runs inline (the
 // deadlock behaviour of the main-queue instance is 0).
@@ -233,7 +236,15 @@ void OAKDispatchQueue::dispatchSynchronously(const OAKBlock& block) {
         if (!concurrent)
             stack->push_back(this);
         OAKQueue::setCurrentSlot(stack);
-        block();
+        // A throwing block leaves the caller's stack as it found it; the exception goes on to the caller.
+        try {
+            block();
+        } catch (...) {
+            if (!concurrent && !stack->empty() && stack->back() == this)
+                stack->pop_back();
+            OAKQueue::setCurrentSlot(nullptr);
+            throw;
+        }
         if (stack->empty() || stack->back() != this)
             raise(nbFormat(lastObjectMessage, describeStack(*stack)));
         if (!concurrent && !stack->empty())

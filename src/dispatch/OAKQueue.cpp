@@ -53,6 +53,12 @@
 // due it posts the source's firing onto the source's queue; the firing runs the handler there unless the
 // source was cancelled or set again in the meantime. The thread starts on first use.
 //
+// Exceptions. A synchronous dispatch whose block throws hands the exception to its caller, after the queue
+// has been handed on (the frame restored, ownership or the concurrent slot released), so the queue keeps
+// working. A block that nobody waits for (an asynchronous block, a barrier, a timer handler, a block run on
+// the main thread for another thread) has nowhere to send an exception: it ends the process through
+// std::terminate, on purpose and at once, rather than leaving its queue owned forever.
+//
 // Shutdown. The pool, the timer thread and the main-thread binding live in one runtime object that is
 // created on first use and deliberately never freed (it stays reachable from a static pointer). A static
 // guard created with it stops the threads at process exit: the timer thread and the dedicated main thread
@@ -602,18 +608,37 @@ void OAKQueue::enqueue(Item item) {
     executor_->submit(shared_from_this(), OAKJob(), false);
 }
 
+namespace {
+
+// Opens a frame for one execution on a queue and restores the previous one, also when the block throws.
+class FrameScope {
+public:
+    explicit FrameScope(OAKQueue* queue) : saved_(currentFrame) { currentFrame = Frame{queue, nullptr}; }
+    ~FrameScope() { currentFrame = saved_; }
+    FrameScope(const FrameScope&) = delete;
+    FrameScope& operator=(const FrameScope&) = delete;
+
+private:
+    const Frame saved_;
+};
+
+// Runs a block that nobody waits for. An exception has no caller to go to here, and the queue's other
+// blocks may rely on this one having finished, so it ends the process (see Exceptions above); the
+// noexcept makes that happen on the spot, wherever the block runs.
+void runDetachedJob(OAKJob& job) noexcept {
+    job();
+}
+
+} // namespace
+
 void OAKQueue::runInFrame(void (*function)(void*), void* argument) {
-    const Frame saved = currentFrame;
-    currentFrame = Frame{this, nullptr};
+    FrameScope frame(this);
     function(argument);
-    currentFrame = saved;
 }
 
 void OAKQueue::runJobInFrame(OAKJob& job) {
-    const Frame saved = currentFrame;
-    currentFrame = Frame{this, nullptr};
-    job();
-    currentFrame = saved;
+    FrameScope frame(this);
+    runDetachedJob(job);
 }
 
 void OAKQueue::syncImpl(void (*function)(void*), void* argument, bool barrier) {
@@ -624,21 +649,25 @@ void OAKQueue::syncImpl(void (*function)(void*), void* argument, bool barrier) {
             ++running_;
             barrierRunning_ = barrier;
             lock.unlock();
-            runInFrame(function, argument);
-            finishConcurrent(barrier);
-            return;
+        } else {
+            Waiter waiter;
+            items_.push_back(Item{OAKJob(), &waiter, barrier});
+            pumpConcurrent(lock);
+            blockingAcquire(waiter.semaphore);
         }
-        Waiter waiter;
-        items_.push_back(Item{OAKJob(), &waiter, barrier});
-        pumpConcurrent(lock);
-        blockingAcquire(waiter.semaphore);
+        // The block's slot is given back even when it throws, so that barriers are not held back.
+        struct Finish {
+            OAKQueue* queue;
+            bool barrier;
+            ~Finish() { queue->finishConcurrent(barrier); }
+        } finish{this, barrier};
         runInFrame(function, argument);
-        finishConcurrent(barrier);
         return;
     }
 
     if (isMain_ && !isMainThread()) {
-        // The main queue's blocks run on the main thread, never on the caller's.
+        // The main queue's blocks run on the main thread, never on the caller's (there, like any block that
+        // nobody else waits for, a throwing block ends the process).
         std::binary_semaphore done{0};
         enqueue(Item{[function, argument, &done] {
                          function(argument);
@@ -653,24 +682,28 @@ void OAKQueue::syncImpl(void (*function)(void*), void* argument, bool barrier) {
     if (!owned_ && items_.empty()) {
         owned_ = true;
         lock.unlock();
-        runInFrame(function, argument);
-        lock.lock();
-        releaseSerialOwnership(lock);
-        return;
-    }
-    Waiter waiter;
-    items_.push_back(Item{OAKJob(), &waiter, false});
-    if (!owned_) {
-        owned_ = true;
-        lock.unlock();
-        executor_->submit(shared_from_this(), OAKJob(), false);
     } else {
-        lock.unlock();
+        Waiter waiter;
+        items_.push_back(Item{OAKJob(), &waiter, false});
+        if (!owned_) {
+            owned_ = true;
+            lock.unlock();
+            executor_->submit(shared_from_this(), OAKJob(), false);
+        } else {
+            lock.unlock();
+        }
+        blockingAcquire(waiter.semaphore);
     }
-    blockingAcquire(waiter.semaphore);
+    // The queue is handed on even when the block throws: the exception goes to the caller, the queue
+    // goes on with its next block.
+    struct Release {
+        OAKQueue* queue;
+        ~Release() {
+            std::unique_lock relock(queue->mutex_);
+            queue->releaseSerialOwnership(relock);
+        }
+    } release{this};
     runInFrame(function, argument);
-    lock.lock();
-    releaseSerialOwnership(lock);
 }
 
 void OAKQueue::releaseSerialOwnership(std::unique_lock<std::mutex>& lock) {

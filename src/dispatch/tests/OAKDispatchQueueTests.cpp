@@ -17,6 +17,7 @@
 #include <functional>
 #include <map>
 #include <mutex>
+#include <stdexcept>
 #include <thread>
 #include <vector>
 
@@ -234,6 +235,51 @@ TEST(OAKDispatchQueue, SerialQueueRunsBlocksFromSeveralThreadsOneAtATimeInSubmis
     ASSERT_TRUE(waitUntil([&] { return completed.load() == producers * blocksPerProducer; }));
     EXPECT_EQ(outOfOrder.load(), 0);
     EXPECT_EQ(overlapping.load(), 0);
+}
+
+TEST(OAKDispatchQueue, AThrowingSynchronousBlockReachesItsCallerAndLeavesTheQueueWorking) {
+    NBMessageCapture capture;
+    Queue outer = OAKDispatchQueue::dispatchQueueWithLabel(QStringLiteral("outer"));
+    Queue inner = OAKDispatchQueue::dispatchQueueWithLabel(QStringLiteral("inner"));
+    Queue concurrent = OAKDispatchQueue::dispatchQueueWithGCDQueue(OAKQueue::createConcurrentQueue("c"),
+                                                                   OAKDeadlockBehaviorBlock);
+    auto fail = [] { throw std::runtime_error("block failed"); };
+    QString afterThrow;
+    outer->dispatchSynchronously([&] {
+        EXPECT_THROW(inner->dispatchSynchronously(fail), std::runtime_error);
+        // The caller is back on its own queue, with its own stack.
+        afterThrow = QStringLiteral("%1%2%3")
+                         .arg(outer->isCurrentQueue())
+                         .arg(outer->isInCurrentQueueStack())
+                         .arg(inner->isInCurrentQueueStack());
+    });
+    EXPECT_EQ(afterThrow, QStringLiteral("110"));
+    EXPECT_THROW(inner->dispatchSynchronously(fail), std::runtime_error);
+    EXPECT_FALSE(inner->isCurrentQueue());
+    EXPECT_THROW(concurrent->dispatchSynchronously(fail), std::runtime_error);
+
+    // Both queues take further blocks, from other threads too, and barriers are not held back.
+    std::atomic<int> ran = 0;
+    inner->dispatchAsynchronously([&] { ++ran; });
+    outer->dispatchAsynchronously([&] { inner->dispatchSynchronously([&] { ++ran; }); });
+    concurrent->dispatchBarrierAsynchronously([&] { ++ran; });
+    EXPECT_TRUE(waitUntil([&] { return ran.load() == 3; }));
+    EXPECT_TRUE(capture.assertions().empty()) << capture.assertions().join(u'\n').toStdString();
+}
+
+TEST(OAKDispatchQueueDeathTest, ABlockThatThrowsWithNobodyWaitingEndsTheProcess) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    auto throwFrom = [](bool timer) {
+        Queue queue = OAKDispatchQueue::dispatchQueueWithLabel(QStringLiteral("throwing"));
+        OAKBlock fail = [] { throw std::runtime_error("block failed"); };
+        if (timer)
+            queue->scheduleTimerWithName(QStringLiteral("t"), 0, OAKTimerBehaviorDelay, fail);
+        else
+            queue->dispatchAsynchronously(fail);
+        sleepSeconds(30);
+    };
+    EXPECT_DEATH(throwFrom(false), "");
+    EXPECT_DEATH(throwFrom(true), "");
 }
 
 TEST(OAKDispatchQueue, AThousandQueuesCostNoThreads) {
