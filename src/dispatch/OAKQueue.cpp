@@ -298,6 +298,7 @@ public:
     void watchPool() {
         std::lock_guard lock(mutex_);
         watchingPool_ = true;
+        ++watchRequests_;
         startLocked();
         wake_.notify_one();
     }
@@ -342,10 +343,14 @@ private:
                 continue;
             }
             if (watchingPool_) {
+                // A request to watch that arrives while the pool is being checked must not be lost: the
+                // pool only asks again once the watch it asked for has ended.
+                const unsigned long long requests = watchRequests_;
                 lock.unlock();
                 const bool keepWatching = pool_->checkStall();
                 lock.lock();
-                watchingPool_ = keepWatching;
+                if (!keepWatching && watchRequests_ == requests)
+                    watchingPool_ = false;
             }
             std::optional<Clock::time_point> deadline;
             if (!schedule_.empty())
@@ -367,6 +372,7 @@ private:
     std::multimap<double, std::weak_ptr<OAKTimerSource>> schedule_;
     std::thread thread_;
     bool watchingPool_ = false;
+    unsigned long long watchRequests_ = 0;
     bool stopping_ = false;
 };
 
