@@ -836,7 +836,12 @@ void OAKTimerSource::setTimer(double delaySeconds) {
     std::lock_guard lock(timers.mutex());
     if (cancelled_)
         return;
-    due_ = nowSeconds() + std::max(0.0, delaySeconds);
+    // Beyond about 30 years the due time could not be turned into a wait deadline (the conversion to
+    // the clock's integer ticks overflows) and the timer thread would spin; such a timer never fires in
+    // practice, so it is simply due then. NaN counts as 0.
+    constexpr double longestDelay = 1e9;
+    const double delay = delaySeconds > 0 ? std::min(delaySeconds, longestDelay) : 0.0;
+    due_ = nowSeconds() + delay;
     ++generation_;
     hasDue_ = true;
     if (resumed_)

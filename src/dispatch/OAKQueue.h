@@ -127,7 +127,7 @@ public:
     static std::shared_ptr<OAKTimerSource> create(std::shared_ptr<OAKQueue> queue);
     ~OAKTimerSource();
 
-    // Fires delay seconds (at least 0) after now.
+    // Fires delay seconds (at least 0, at most about 30 years) after now.
     void setTimer(double delaySeconds);
     void setHandler(OAKJob handler);
     // Starts a new source (sources are created suspended).

@@ -10,11 +10,14 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/resource.h>
+
 #include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <functional>
+#include <limits>
 #include <map>
 #include <mutex>
 #include <stdexcept>
@@ -518,6 +521,32 @@ TEST(OAKDispatchQueue, TimerCountDropsToZeroAfterFiringAndCancelling) {
     // A cancelled timer can be scheduled again.
     queue->scheduleTimerWithName("late1", 0.01, OAKTimerBehaviorCoalesce, [&] { ++fired; });
     ASSERT_TRUE(waitUntil([&] { return fired.load() == 2 && queue->timerCount() == 0; }));
+}
+
+double processCpuSeconds() {
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    auto seconds = [](const timeval& value) { return double(value.tv_sec) + double(value.tv_usec) / 1e6; };
+    return seconds(usage.ru_utime) + seconds(usage.ru_stime);
+}
+
+TEST(OAKDispatchQueue, TimersDueInTheFarFutureLeaveTheTimerThreadAsleep) {
+    Queue queue = OAKDispatchQueue::dispatchQueueWithLabel(QStringLiteral("far"));
+    std::atomic<int> fired = 0;
+    queue->scheduleTimerWithName("huge", 1e300, OAKTimerBehaviorDelay, [&] { ++fired; });
+    queue->scheduleTimerWithName("infinite", std::numeric_limits<double>::infinity(),
+                                 OAKTimerBehaviorCoalesce, [&] { ++fired; });
+    queue->dispatchSynchronously([] {});
+    EXPECT_EQ(queue->timerCount(), 2u);
+    // A thread spinning on a deadline it cannot represent would use most of a core meanwhile.
+    const double cpuBefore = processCpuSeconds();
+    sleepSeconds(1);
+    EXPECT_LT(processCpuSeconds() - cpuBefore, 0.2);
+    queue->scheduleTimerWithName("soon", 0.01, OAKTimerBehaviorDelay, [&] { fired += 10; });
+    EXPECT_TRUE(waitUntil([&] { return fired.load() == 10; }));
+    queue->cancelAllTimers();
+    queue->dispatchSynchronously([] {});
+    EXPECT_EQ(queue->timerCount(), 0u);
 }
 
 TEST(OAKBlockOperation, RunsItsBlockOnTheQueueAndWaitsForIt) {
