@@ -944,9 +944,22 @@ bool OAKStore::syncStep(bool announce) {
             source.cursor.lowerBound = fallbackBound;
         sources.push_back(std::move(source));
     }
+    QHash<QString, std::pair<QVariant, NBTimestamp>> resolved;
     const auto fetchBatch = [&](Source& source) {
         source.index = 0;
-        if (!source.log->fetchNewestBatch(source.cursor, kOAKLogFetchBatchSize, source.batch, &error)) {
+        // The batch carries the blob of the newest row of each relevant key still unresolved, the only row
+        // of that key the walk below will decode unless it cannot be decoded; older rows of the key are read
+        // one by one in that rare case only.
+        QSet<QString> blobKeys;
+        const auto wantsBlob = [&](const QString& key) {
+            if ((!allKeys && !relevant->contains(key)) || resolved.contains(key))
+                return false;
+            const qsizetype before = blobKeys.size();
+            blobKeys.insert(key);
+            return blobKeys.size() != before;
+        };
+        if (!source.log->fetchNewestBatch(source.cursor, kOAKLogFetchBatchSize, source.batch, &error,
+                                          wantsBlob)) {
             source.failed = true;
             source.batch.clear();
             reportOpenFailureOnce(source.log->path(), error);
@@ -976,7 +989,6 @@ bool OAKStore::syncStep(bool announce) {
         }
     }
 
-    QHash<QString, std::pair<QVariant, NBTimestamp>> resolved;
     while (!heap.empty()) {
         if (!allKeys && resolved.size() == relevant->size())
             break;
@@ -999,7 +1011,8 @@ bool OAKStore::syncStep(bool announce) {
         if ((!allKeys && !relevant->contains(key)) || resolved.contains(key))
             continue;
         NBError blobError;
-        const std::optional<QByteArray> blob = source.log->blobForRowid(row.rowid, &blobError);
+        const std::optional<QByteArray> blob =
+            row.blob ? row.blob : source.log->blobForRowid(row.rowid, &blobError);
         if (!blob) {
             if (!blobError.isNull()) {
                 source.failed = true;

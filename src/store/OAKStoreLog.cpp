@@ -180,11 +180,11 @@ std::unique_ptr<OAKStoreLog> OAKStoreLog::open(const QString& path, Mode mode, N
             return nullptr;
         }
         log->d->newestBatch = std::make_unique<SQLite::Statement>(
-            database, "SELECT rowid, key, timestamp FROM Log WHERE timestamp > ? "
+            database, "SELECT rowid, key, timestamp, blob FROM Log WHERE timestamp > ? "
                       "ORDER BY timestamp DESC, rowid DESC LIMIT ?");
         log->d->newestBatchAfter = std::make_unique<SQLite::Statement>(
             database,
-            "SELECT rowid, key, timestamp FROM Log WHERE timestamp > ? AND (timestamp, rowid) < (?, ?) "
+            "SELECT rowid, key, timestamp, blob FROM Log WHERE timestamp > ? AND (timestamp, rowid) < (?, ?) "
             "ORDER BY timestamp DESC, rowid DESC LIMIT ?");
         log->d->blobForRowid =
             std::make_unique<SQLite::Statement>(database, "SELECT blob FROM Log WHERE rowid = ?");
@@ -278,7 +278,8 @@ OAKLogRow fullRow(SQLite::Statement& statement) {
 } // namespace
 
 bool OAKStoreLog::fetchNewestBatch(OAKLogCursor& cursor, int limit, std::vector<OAKLogRow>& rows,
-                                   NBError* outError) {
+                                   NBError* outError,
+                                   const std::function<bool(const QString& key)>& wantsBlob) {
     rows.clear();
     if (cursor.finished)
         return true;
@@ -299,6 +300,8 @@ bool OAKStoreLog::fetchNewestBatch(OAKLogCursor& cursor, int limit, std::vector<
             if (!statement.getColumn(1).isNull())
                 row.key = columnText(statement.getColumn(1));
             row.timestamp = statement.getColumn(2).getInt64();
+            if (row.key && wantsBlob && !statement.getColumn(3).isNull() && wantsBlob(*row.key))
+                row.blob = columnBlob(statement.getColumn(3));
             rows.push_back(std::move(row));
         }
         statement.reset();

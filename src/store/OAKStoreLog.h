@@ -55,6 +55,7 @@
 #include <QByteArray>
 #include <QString>
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <vector>
@@ -109,9 +110,12 @@ public:
     bool hasUncommittedRows() const { return inTransaction_; }
     bool save(NBError* outError);
 
-    // Reading. The next batch (at most `limit` rows) newest first, with keys and timestamps but without
-    // blobs; an empty result with cursor.finished set means the read is complete.
-    bool fetchNewestBatch(OAKLogCursor& cursor, int limit, std::vector<OAKLogRow>& rows, NBError* outError);
+    // Reading. The next batch (at most `limit` rows) newest first, with keys and timestamps; a row carries
+    // its blob only when `wantsBlob` accepts its key (SQLite reads the blob with the row anyway, since the
+    // key follows it in the record, so taking it here costs only the copy). An empty result with
+    // cursor.finished set means the read is complete.
+    bool fetchNewestBatch(OAKLogCursor& cursor, int limit, std::vector<OAKLogRow>& rows, NBError* outError,
+                          const std::function<bool(const QString& key)>& wantsBlob = {});
     // The newest row (timestamp and rowid only), if any.
     std::optional<OAKLogRow> newestRow(NBError* outError);
     std::optional<QByteArray> blobForRowid(qint64 rowid, NBError* outError);

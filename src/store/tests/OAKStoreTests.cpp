@@ -421,6 +421,60 @@ TEST(OAKStore, DamagedForeignLogsAreSkippedAndNeverWritten) {
     }
 }
 
+TEST(OAKStore, DamagedRowsFallBackToOlderRowsAndOnlyRelevantRowsAreDecoded) {
+    // Rows written straight into a foreign log, oldest first; a null blob or key is written as such.
+    struct Row {
+        const char* key;
+        std::optional<QByteArray> blob;
+    };
+    const QByteArray garbage("not a property list");
+    const auto encoded = [](const QString& text) {
+        return dataWithPropertyList(text, NBPropertyListFormat::Binary);
+    };
+    const std::vector<Row> rows = {
+        {"undecodable", encoded(QStringLiteral("older undecodable"))},
+        {"undecodable", garbage},
+        {"missing blob", encoded(QStringLiteral("older missing blob"))},
+        {"missing blob", std::nullopt},
+        {"irrelevant", garbage},
+        {"plain", encoded(QStringLiteral("first"))},
+        {"plain", encoded(QStringLiteral("second"))},
+        {nullptr, encoded(QStringLiteral("no key"))},
+    };
+    NBTemporaryDirectory directory;
+    const QString package = packagePath(directory);
+    {
+        const QString folder = package + QStringLiteral("/devices/other");
+        QDir().mkpath(folder);
+        auto log =
+            OAKStoreLog::open(folder + QStringLiteral("/logs.db"), OAKStoreLog::Mode::ReadWrite, nullptr);
+        ASSERT_TRUE(log);
+        NBTimestamp timestamp = timestampNow() - 1000;
+        for (const Row& row : rows) {
+            const std::optional<QString> key =
+                row.key ? std::optional<QString>(QString::fromUtf8(row.key)) : std::nullopt;
+            ASSERT_TRUE(log->insertRow(++timestamp, std::nullopt, key, row.blob, nullptr));
+        }
+        ASSERT_TRUE(log->save(nullptr));
+    }
+    NBMessageCapture capture;
+    auto store = std::make_shared<ChosenKeysStore>(QUrl::fromLocalFile(package), QStringLiteral("reader"));
+    store->setRelevantKeys(
+        {QStringLiteral("undecodable"), QStringLiteral("missing blob"), QStringLiteral("plain")});
+    store->loadNow();
+    const QVariantMap expected = {{QStringLiteral("undecodable"), QStringLiteral("older undecodable")},
+                                  {QStringLiteral("missing blob"), QStringLiteral("older missing blob")},
+                                  {QStringLiteral("plain"), QStringLiteral("second")}};
+    EXPECT_EQ(store->allRelevantValues(), expected);
+    // Only the relevant undecodable row is decoded; the irrelevant one is never looked at.
+    const QStringList texts = capture.texts();
+    for (const char* message : {"Error deserializing blob data:", "Unexpected nil value for 'blob' column:",
+                                "Unexpected nil value for 'key' column:"}) {
+        EXPECT_EQ(texts.filter(QString::fromUtf8(message)).size(), 1) << message;
+    }
+    store->tearDownNow();
+}
+
 TEST(OAKStore, LocalLogOfNewerSchemaIsNeverWritten) {
     NBTemporaryDirectory directory;
     const QString package = packagePath(directory);

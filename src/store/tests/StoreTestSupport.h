@@ -29,6 +29,26 @@ protected:
     std::optional<QSet<QString>> relevantKeysForSync() const override { return std::nullopt; }
 };
 
+// A store that keeps only the keys it is told to (set before loading or syncing).
+class ChosenKeysStore : public OAKStore {
+public:
+    using OAKStore::OAKStore;
+    void setRelevantKeys(const QSet<QString>& keys) {
+        std::lock_guard lock(mutex_);
+        keys_ = keys;
+    }
+
+protected:
+    std::optional<QSet<QString>> relevantKeysForSync() const override {
+        std::lock_guard lock(mutex_);
+        return keys_;
+    }
+
+private:
+    mutable std::mutex mutex_;
+    QSet<QString> keys_;
+};
+
 // Records the notifications one store posts.
 class NotificationRecorder {
 public:
