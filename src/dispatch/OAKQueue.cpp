@@ -651,12 +651,13 @@ void OAKQueue::syncImpl(void (*function)(void*), void* argument, bool barrier) {
     if (kind_ == Kind::Concurrent) {
         std::unique_lock lock(mutex_);
         const bool canStart = items_.empty() && !barrierRunning_ && (barrier ? running_ == 0 : true);
+        // Outlives the wait by the whole block, so the thread that wakes it is long done with it.
+        Waiter waiter;
         if (canStart) {
             ++running_;
             barrierRunning_ = barrier;
             lock.unlock();
         } else {
-            Waiter waiter;
             items_.push_back(Item{OAKJob(), &waiter, barrier});
             pumpConcurrent(lock);
             blockingAcquire(waiter.semaphore);
@@ -685,11 +686,11 @@ void OAKQueue::syncImpl(void (*function)(void*), void* argument, bool barrier) {
     }
 
     std::unique_lock lock(mutex_);
+    Waiter waiter;
     if (!owned_ && items_.empty()) {
         owned_ = true;
         lock.unlock();
     } else {
-        Waiter waiter;
         items_.push_back(Item{OAKJob(), &waiter, false});
         if (!owned_) {
             owned_ = true;
