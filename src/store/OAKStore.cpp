@@ -332,13 +332,14 @@ void OAKStore::setValues(const QVariantMap& values) {
                         values.keys().join(QStringLiteral(", ")), storePath());
         return;
     }
-    // Serialising is the costly part; it needs no queue.
-    std::vector<std::optional<QByteArray>> data;
-    std::vector<NBError> errors(std::size_t(values.size()));
+    // Encoding is the costly part of an edit (a document's whole layout is one value): it happens on the
+    // database queue. Here, before the memory queue is held, each value is only checked, with the same rules
+    // as the encoder, so that a value that cannot be written is refused at once and announced to nobody.
+    std::vector<bool> writable;
     if (!inMemory_) {
-        std::size_t index = 0;
-        for (auto entry = values.begin(); entry != values.end(); ++entry, ++index)
-            data.push_back(dataWithPropertyList(entry.value(), NBPropertyListFormat::Binary, &errors[index]));
+        writable.reserve(std::size_t(values.size()));
+        for (auto entry = values.begin(); entry != values.end(); ++entry)
+            writable.push_back(isPropertyListValue(entry.value()));
     }
     memoryQueue_->dispatchSynchronously([&] {
         // The timestamp is taken on the memory queue, so the in-memory view and the log order edits made on
@@ -354,12 +355,10 @@ void OAKStore::setValues(const QVariantMap& values) {
                 memory_.insert(key, entry.value());
             else
                 memory_.remove(key);
-            if (!inMemory_ && !data[index]) {
+            if (!inMemory_ && !writable[index]) {
                 // The view keeps the value on purpose: it is never rolled back, but the value never reaches
                 // the log.
-                qCCritical(lcStore).noquote()
-                    << nbFormat("Error creating data from plist:\nkey: %@:\nplist: %@\nerror: %@", key,
-                                propertyListDescription(entry.value()), errors[index].description());
+                logEncodingFailure(key, entry.value());
                 continue;
             }
             std::optional<NBTimestamp> parent;
@@ -370,7 +369,7 @@ void OAKStore::setValues(const QVariantMap& values) {
             changedValues.insert(key, entry.value());
             changedTimestamps.insert(key, qint64(timestamp));
             if (!inMemory_)
-                rows.push_back(PendingRow{timestamp, parent, key, *data[index]});
+                rows.push_back(PendingRow{timestamp, parent, key, entry.value()});
         }
         if (!changedValues.isEmpty()) {
             postDidChangeNotificationWithUserInfo(
@@ -380,6 +379,18 @@ void OAKStore::setValues(const QVariantMap& values) {
         if (!rows.empty())
             enqueueRows(std::move(rows));
     });
+}
+
+void OAKStore::logEncodingFailure(const QString& key, const QVariant& value, const NBError* error) const {
+    NBError encodingError;
+    if (!error) {
+        // The failing path only: encode again for the encoder's own description of the problem.
+        dataWithPropertyList(value, NBPropertyListFormat::Binary, &encodingError);
+        error = &encodingError;
+    }
+    qCCritical(lcStore).noquote() << nbFormat(
+        "Error creating data from plist:\nkey: %@:\nplist: %@\nerror: %@", key,
+        propertyListDescription(value), error->description());
 }
 
 void OAKStore::enqueueRows(std::vector<PendingRow> rows) {
@@ -424,7 +435,16 @@ void OAKStore::writePendingRows() {
     }
     NBTimestamp newest = timestampForDistantPast();
     for (const PendingRow& row : rows) {
-        if (!readwriteDatabase_->insertRow(row.timestamp, row.parentTimestamp, row.key, row.blob, &error)) {
+        NBError encodingError;
+        const std::optional<QByteArray> blob =
+            dataWithPropertyList(row.value, NBPropertyListFormat::Binary, &encodingError);
+        if (!blob) {
+            // The value passed the check when it was set, so this should not happen; if it does, the row is
+            // dropped like a value refused at once.
+            logEncodingFailure(row.key, row.value, &encodingError);
+            continue;
+        }
+        if (!readwriteDatabase_->insertRow(row.timestamp, row.parentTimestamp, row.key, *blob, &error)) {
             ++unwrittenRowCount_;
             qCCritical(lcStore).noquote() << error.localizedDescription();
             continue;

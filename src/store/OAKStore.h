@@ -305,9 +305,11 @@ private:
         NBTimestamp timestamp;
         std::optional<NBTimestamp> parentTimestamp;
         QString key;
-        QByteArray blob;
+        QVariant value; // encoded on the database queue
     };
     void enqueueRows(std::vector<PendingRow> rows);
+    // Logs "Error creating data from plist: ..." with the encoder's error (found again when not given).
+    void logEncodingFailure(const QString& key, const QVariant& value, const NBError* error = nullptr) const;
     void deliverPendingNotifications();
     void writePendingRows();
     void setValues(const QVariantMap& values);

@@ -13,6 +13,7 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <limits>
 
 namespace {
 
@@ -111,6 +112,61 @@ TEST(OAKStore, ClosedDatabaseReopensOnTheNextReadAndWrite) {
     reopened->loadNow();
     EXPECT_EQ(reopened->allRelevantValues().size(), 3);
     reopened->tearDownNow();
+}
+
+// A value nested `depth` arrays deep around a string.
+QVariant nestedArrays(int depth) {
+    QVariant value = QStringLiteral("core");
+    for (int level = 0; level < depth; ++level)
+        value = QVariantList{value};
+    return value;
+}
+
+TEST(OAKStore, ValuesRefusedWhenSetAreExactlyThoseTheEncoderRefuses) {
+    // The store checks a value when it is set and encodes it later on the database queue: the check must
+    // refuse what the encoder refuses, and nothing else.
+    const std::vector<std::pair<const char*, QVariant>> values = {
+        {"deepest allowed", nestedArrays(kNBPropertyListMaximumDepth)},
+        {"too deep", nestedArrays(kNBPropertyListMaximumDepth + 1)},
+        {"too deep in a dictionary",
+         QVariantMap{{QStringLiteral("inner"), nestedArrays(kNBPropertyListMaximumDepth)}}},
+        {"invalid date", QDateTime()},
+        {"date out of range",
+         QDateTime::fromMSecsSinceEpoch(std::numeric_limits<qint64>::max() / 2, Qt::UTC)},
+        {"url in a hash",
+         QVariantHash{{QStringLiteral("link"), QUrl(QStringLiteral("https://example.org"))}}},
+        {"string list", QStringList{QStringLiteral("a"), QStringLiteral("b")}},
+        {"large unsigned", QVariant::fromValue(std::numeric_limits<quint64>::max())},
+        {"removed (no value)", QVariant()},
+    };
+    NBTemporaryDirectory directory;
+    NBMessageCapture capture;
+    auto store = AllKeysStore::open(packagePath(directory), QStringLiteral("device"));
+    store->loadNow();
+    NotificationRecorder recorder(store.get());
+    QStringList written;
+    for (const auto& [name, value] : values) {
+        SCOPED_TRACE(name);
+        const bool encodable = dataWithPropertyList(value, NBPropertyListFormat::Binary).has_value();
+        EXPECT_EQ(isPropertyListValue(value), encodable);
+        store->setPropertyListValue(value, QString::fromUtf8(name));
+        EXPECT_EQ(
+            capture.contains(nbFormat("Error creating data from plist:\nkey: %@:", QString::fromUtf8(name))),
+            !encodable);
+        if (encodable)
+            written << QString::fromUtf8(name);
+    }
+    store->waitUntilFinished();
+    QStringList announced;
+    for (const NBNotification& notification :
+         recorder.notifications(QString::fromUtf8(OAKStoreDidChangeNotification)))
+        announced << notification.userInfo.value(QStringLiteral("values")).toMap().keys();
+    QStringList logged;
+    for (const OAKChange& change : store->changesSinceTimestamp(timestampForDistantPast()))
+        logged << change.key;
+    EXPECT_EQ(announced, written);
+    EXPECT_EQ(logged, written);
+    store->tearDownNow();
 }
 
 TEST(OAKStore, UnserialisableValueStaysInMemoryAndNeverReachesTheLog) {
