@@ -18,7 +18,7 @@ Q_LOGGING_CATEGORY(lcTimeDetector, "quillon.document")
 
 namespace {
 
-using PatternSpecification = std::pair<QString, std::array<int, 3>>;
+using PatternDefinition = std::pair<QString, std::array<int, 3>>;
 
 constexpr int kNone = NBTimeDetector::kNoGroup;
 
@@ -70,11 +70,11 @@ constexpr DetectorPattern kDetectorPatterns[] = {
     {u"(\\d+)\\s*se", {kNone, kNone, 1}, kFollowerS},
 };
 
-std::vector<PatternSpecification> patternSpecifications() {
-    std::vector<PatternSpecification> specifications;
+std::vector<PatternDefinition> patternDefinitions() {
+    std::vector<PatternDefinition> definitions;
     for (const DetectorPattern& entry : kDetectorPatterns)
-        specifications.emplace_back(QString::fromUtf16(entry.pattern), entry.captureMap);
-    return specifications;
+        definitions.emplace_back(QString::fromUtf16(entry.pattern), entry.captureMap);
+    return definitions;
 }
 
 icu::UnicodeString unicodeStringAliasing(const QString& string) {
@@ -243,12 +243,12 @@ struct DetectorTable {
 const DetectorTable& detectorTable() {
     // Never destroyed: threads may still be searching while the process exits.
     static const DetectorTable* const table = [] {
-        auto* built = new DetectorTable{NBTimeDetector::compilePatterns(patternSpecifications()), {}, {}};
+        auto* built = new DetectorTable{NBTimeDetector::compilePatterns(patternDefinitions()), {}, {}};
         for (const NBDurationPattern& entry : built->patterns) {
             unsigned followers = 0;
-            for (const DetectorPattern& specification : kDetectorPatterns) {
-                if (entry.pattern == QStringView(specification.pattern))
-                    followers = specification.digitFollower;
+            for (const DetectorPattern& definition : kDetectorPatterns) {
+                if (entry.pattern == QStringView(definition.pattern))
+                    followers = definition.digitFollower;
             }
             if (followers == 0)
                 nbRaiseAssertion(lcTimeDetector(),

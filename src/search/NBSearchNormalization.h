@@ -51,8 +51,8 @@
 // thread.
 #pragma once
 
-#include "search/NBCharacterSet.h"
 #include "foundation/NBTextRange.h"
+#include "search/NBCharacterSet.h"
 
 #include <QList>
 #include <QMap>

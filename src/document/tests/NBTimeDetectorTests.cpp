@@ -206,11 +206,11 @@ rc::Gen<QString> durationLikeText() {
 // does neither, so both must agree on every text.
 RC_GTEST_PROP(NBTimeDetectorTests, AgreesWithAFreshCopyOfItsTableOnArbitraryText, ()) {
     static const std::vector<NBDurationPattern> freshCopy = [] {
-        std::vector<std::pair<QString, std::array<int, 3>>> specifications;
+        std::vector<std::pair<QString, std::array<int, 3>>> definitions;
         for (const NBDurationPattern& entry :
              NBTimeDetector::regularExpressionsAndCaptureMapsForDurationDetection())
-            specifications.emplace_back(entry.pattern, entry.captureMap);
-        return NBTimeDetector::compilePatterns(specifications);
+            definitions.emplace_back(entry.pattern, entry.captureMap);
+        return NBTimeDetector::compilePatterns(definitions);
     }();
     const auto units = *rc::gen::container<std::vector<char16_t>>(rc::gen::arbitrary<char16_t>());
     const QString arbitrary(reinterpret_cast<const QChar*>(units.data()),
