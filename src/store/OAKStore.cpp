@@ -772,16 +772,24 @@ void OAKStore::startWatching() {
 }
 
 void OAKStore::stopWatching() {
+    {
+        // A report being handled on the watcher's thread finishes scheduling before this returns, so the
+        // tear-down's cancellations, enqueued after, reach its timers; every later report schedules nothing.
+        std::lock_guard lock(watchReportMutex_);
+        watching_ = false;
+    }
     if (watcherToken_ == 0)
         return;
-    watching_ = false;
     OAKStoreWatcher::shared().unregisterHandler(watcherToken_);
     watcherToken_ = 0;
     watchedFolders_.clear();
 }
 
 void OAKStore::respondToFileSystemEventWithPaths(const QStringList& paths) {
-    // A report that was on its way while the store stopped watching (tear-down) is dropped.
+    // A report that was on its way while the store stopped watching (tear-down) is dropped. The check and
+    // the scheduling happen under one lock with stopWatching(): a report checked before the tear-down but
+    // scheduled after it would leave sync timers on a store that nobody will load again.
+    std::lock_guard lock(watchReportMutex_);
     if (deleted_ || inMemory_ || !watching_)
         return;
     if (!QFileInfo(storePath()).isDir()) {

@@ -350,6 +350,7 @@ protected:
     std::atomic<unsigned long long> saveCommitCount_{0};
     unsigned long long watcherToken_ = 0;
     std::atomic<bool> watching_{false};
+    std::mutex watchReportMutex_; // orders watcher reports with stopWatching()
     QStringList watchedFolders_;
 
 private:

@@ -10,7 +10,9 @@
 #include <gtest/gtest.h>
 #include <rapidcheck/gtest.h>
 
+#include <atomic>
 #include <future>
+#include <thread>
 
 namespace {
 
@@ -278,6 +280,52 @@ QMap<QString, QByteArray> logFiles(const QString& package) {
             snapshot.remove(key);
     }
     return snapshot;
+}
+
+TEST(OAKStoreSync, TearDownWhileAnotherDeviceWritesLeavesNoTimerPending) {
+    NBTemporaryDirectory directory;
+    const QString package = packagePath(directory);
+    auto writer = AllKeysStore::open(package, QStringLiteral("writer"));
+    writer->loadNow();
+    writer->setPropertyListValue(QStringLiteral("start"), QStringLiteral("title"));
+    ASSERT_TRUE(writer->saveNow());
+    NBMessageCapture capture;
+    // Several rounds, because the reports race the tear-down; besides the writer's real reports, a thread
+    // hands the reader a storm of reports about the writer's folder, as the watcher would.
+    for (int round = 0; round < 5; ++round) {
+        SCOPED_TRACE(round);
+        auto reader = AllKeysStore::open(package, QStringLiteral("reader"), fastSync(0.05, 0.2));
+        reader->loadNow();
+        std::atomic<bool> stop{false};
+        std::thread writing([&] {
+            for (int index = 0; !stop; ++index) {
+                writer->setPropertyListValue(QStringLiteral("value %1").arg(index), QStringLiteral("title"));
+                writer->saveNow();
+            }
+        });
+        const QStringList paths{package + QStringLiteral("/devices/writer/logs.db")};
+        std::thread reporting([&] {
+            while (!stop)
+                reader->respondToFileSystemEventWithPaths(paths);
+        });
+        QThread::msleep(100);
+        reader->tearDownNow();
+        // Reports keep arriving after the tear-down.
+        QThread::msleep(100);
+        stop = true;
+        writing.join();
+        reporting.join();
+        reader.reset();
+    }
+    EXPECT_FALSE(capture.contains(QStringLiteral("Unexpected timer count")))
+        << capture.texts().join(QLatin1Char('\n')).toStdString();
+    // The message still tells of work that really was pending.
+    auto forgotten = AllKeysStore::open(package, QStringLiteral("reader"));
+    forgotten->loadNow();
+    forgotten->syncSoon();
+    forgotten.reset();
+    EXPECT_TRUE(capture.contains(QStringLiteral("Unexpected timer count")));
+    writer->tearDownNow();
 }
 
 TEST(OAKStoreMerge, PreconditionsFailOnTheGlobalQueueAndChangeNothing) {
