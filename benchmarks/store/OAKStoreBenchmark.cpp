@@ -7,6 +7,7 @@
 // - an incremental sync after one foreign device appended 100 rows, in packages of 10,000, 100,000 and
 //   1,000,000 rows, against a raw SQLite read of the 100 new rows (the sync step reads only new rows, so its
 //   time must not grow with the package; the 1,000,000-row package is made once and kept in /tmp);
+//   the same with a store that keeps chosen keys, 100 of which no log holds (looked up at every sync);
 // - the time from a save in another process to the sync notification here, against the sync timer's delay.
 #include "foundation/NBNotificationCenter.h"
 #include "foundation/NBPropertyList.h"
@@ -231,9 +232,26 @@ QString cachedPackage(int rowCount) {
     return package;
 }
 
-void BM_IncrementalSync(benchmark::State& state) {
-    const QString package = cachedPackage(int(state.range(0)));
-    auto reader = std::make_shared<AllKeysStore>(QUrl::fromLocalFile(package), QStringLiteral("reader"));
+// Keeps the package's 1,000 keys and `missingCount` keys that no log holds (as a document keeps metadata
+// keys that were never set): the sync step looks those up in full at every pass.
+class DocumentLikeStore : public OAKStore {
+public:
+    DocumentLikeStore(const QUrl& url, int missingCount) : OAKStore(url, QStringLiteral("reader")) {
+        for (int key = 0; key < 1000; ++key)
+            keys_.insert(QStringLiteral("key%1").arg(key));
+        for (int key = 0; key < missingCount; ++key)
+            keys_.insert(QStringLiteral("missing%1").arg(key));
+    }
+
+protected:
+    std::optional<QSet<QString>> relevantKeysForSync() const override { return keys_; }
+
+private:
+    QSet<QString> keys_;
+};
+
+void incrementalSync(benchmark::State& state, const QString& package,
+                     const std::shared_ptr<OAKStore>& reader) {
     reader->loadNow();
     const QString foreignLog = package + QStringLiteral("/devices/device-0/logs.db");
     SQLite::Database raw(foreignLog.toStdString(), SQLite::OPEN_READONLY);
@@ -276,6 +294,24 @@ void BM_IncrementalSync(benchmark::State& state) {
     state.counters["raw_new_rows_ms"] = rawSeconds / iterations * 1000;
     state.counters["ratio"] = syncSeconds / rawSeconds;
 }
+
+void BM_IncrementalSync(benchmark::State& state) {
+    const QString package = cachedPackage(int(state.range(0)));
+    incrementalSync(state, package,
+                    std::make_shared<AllKeysStore>(QUrl::fromLocalFile(package), QStringLiteral("reader")));
+}
+
+// The same with chosen keys, 100 of which no log holds.
+void BM_IncrementalSyncWithMissingKeys(benchmark::State& state) {
+    const QString package = cachedPackage(int(state.range(0)));
+    incrementalSync(state, package, std::make_shared<DocumentLikeStore>(QUrl::fromLocalFile(package), 100));
+}
+BENCHMARK(BM_IncrementalSyncWithMissingKeys)
+    ->Arg(100000)
+    ->Iterations(20)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
+
 BENCHMARK(BM_IncrementalSync)
     ->Arg(10000)
     ->Arg(100000)

@@ -1063,6 +1063,61 @@ bool OAKStore::syncStep(bool announce) {
         resolved.insert(key, {std::move(*value), row.timestamp});
     }
 
+    // A relevant key never resolved before (a paragraph put back into a document's layout by another device
+    // without being rewritten, say) may have all its rows below the logs' lower bounds, which only promise
+    // that nothing newer than what was read exists. Such keys are looked up in full in every log read with a
+    // bound; a log read in full, or one that failed, has nothing more to give.
+    if (!allKeys) {
+        QStringList unresolved;
+        for (const QString& key : *relevant) {
+            if (resolved.contains(key))
+                continue;
+            const auto known = keyTimestamps_.constFind(key);
+            if (known == keyTimestamps_.constEnd() || known.value() == timestampForDistantPast())
+                unresolved << key;
+        }
+        QHash<QString, std::pair<QVariant, NBTimestamp>> found;
+        for (Source& source : sources) {
+            if (unresolved.isEmpty() || source.failed || !source.cursor.lowerBound)
+                continue;
+            std::vector<OAKLogRow> rows;
+            if (!source.log->fetchRowsForKeys(unresolved, rows, &error)) {
+                source.failed = true;
+                reportOpenFailureOnce(source.log->path(), error);
+                continue;
+            }
+            QSet<QString> decoded; // keys whose newest decodable row in this log was taken
+            for (const OAKLogRow& row : rows) {
+                const QString& key = *row.key; // the query matched the key, so it is not null
+                if (decoded.contains(key))
+                    continue;
+                if (const auto known = found.constFind(key);
+                    known != found.constEnd() && known.value().second >= row.timestamp) {
+                    decoded.insert(key); // another log holds a newer value
+                    continue;
+                }
+                if (!row.blob) {
+                    qCWarning(lcStore).noquote()
+                        << nbFormat("Unexpected nil value for 'blob' column:\nrow: %@\ndatabase: %@",
+                                    row.description(), source.log->path());
+                    continue;
+                }
+                NBError decodeError;
+                std::optional<QVariant> value = propertyListWithData(*row.blob, &decodeError);
+                if (!value) {
+                    qCWarning(lcStore).noquote()
+                        << nbFormat("Error deserializing blob data:\nrow: %@\ndatabase: %@\nerror: %@",
+                                    row.description(), source.log->path(), decodeError.description());
+                    continue;
+                }
+                decoded.insert(key);
+                found.insert(key, {std::move(*value), row.timestamp});
+            }
+        }
+        for (auto entry = found.constBegin(); entry != found.constEnd(); ++entry)
+            resolved.insert(entry.key(), entry.value());
+    }
+
     // Bookkeeping. A value found in this pass may be older than the one known (a device with a late clock):
     // the newest timestamp stays.
     if (!allKeys) {

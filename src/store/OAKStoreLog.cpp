@@ -10,6 +10,8 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
+
 namespace {
 
 constexpr const char* kDomain = "OAKStore";
@@ -359,6 +361,40 @@ bool OAKStoreLog::fetchAscending(std::optional<NBTimestamp> lowerBound, std::vec
     } catch (const SQLite::Exception& exception) {
         rows.clear();
         return nbFail(outError, readError(path_, exception));
+    }
+    return true;
+}
+
+bool OAKStoreLog::fetchRowsForKeys(const QStringList& keys, std::vector<OAKLogRow>& rows, NBError* outError) {
+    rows.clear();
+    // Keys go in chunks well below SQLite's limit on bound parameters; each chunk is one indexed lookup.
+    constexpr qsizetype kChunk = 500;
+    try {
+        for (qsizetype start = 0; start < keys.size(); start += kChunk) {
+            const qsizetype count = std::min(kChunk, keys.size() - start);
+            QString placeholders = QStringLiteral("?");
+            for (qsizetype index = 1; index < count; ++index)
+                placeholders += QStringLiteral(",?");
+            SQLite::Statement statement(
+                *d->database, QStringLiteral("SELECT rowid, timestamp, parentTimestamp, key, blob FROM Log "
+                                             "WHERE key IN (%1) ORDER BY timestamp DESC, rowid DESC")
+                                  .arg(placeholders)
+                                  .toStdString());
+            for (qsizetype index = 0; index < count; ++index)
+                statement.bind(int(index + 1), keys[start + index].toStdString());
+            while (statement.executeStep())
+                rows.push_back(fullRow(statement));
+        }
+    } catch (const SQLite::Exception& exception) {
+        rows.clear();
+        return nbFail(outError, readError(path_, exception));
+    }
+    // Chunks are each newest first; together they are too.
+    if (keys.size() > kChunk) {
+        std::stable_sort(rows.begin(), rows.end(), [](const OAKLogRow& first, const OAKLogRow& second) {
+            return first.timestamp != second.timestamp ? first.timestamp > second.timestamp
+                                                       : first.rowid > second.rowid;
+        });
     }
     return true;
 }

@@ -54,6 +54,7 @@
 
 #include <QByteArray>
 #include <QString>
+#include <QStringList>
 
 #include <functional>
 #include <memory>
@@ -122,6 +123,8 @@ public:
     // Every row with timestamp > lowerBound (none: all rows), with all columns, in ascending timestamp order.
     bool fetchAscending(std::optional<NBTimestamp> lowerBound, std::vector<OAKLogRow>& rows,
                         NBError* outError);
+    // Every row of the given keys, with all columns, newest first (timestamp, then rowid, descending).
+    bool fetchRowsForKeys(const QStringList& keys, std::vector<OAKLogRow>& rows, NBError* outError);
     // The newest row for `key` with timestamp <= maximum (none: any), with all columns.
     bool fetchNewestRowForKey(const QString& key, std::optional<NBTimestamp> maximum,
                               std::optional<OAKLogRow>& row, NBError* outError);

@@ -328,6 +328,51 @@ TEST(OAKStoreSync, TearDownWhileAnotherDeviceWritesLeavesNoTimerPending) {
     writer->tearDownNow();
 }
 
+TEST(OAKStoreSync, RelevantKeyWithOnlyOldRowsIsReadWhenItBecomesRelevant) {
+    NBTemporaryDirectory directory;
+    const QString package = packagePath(directory);
+    auto writer = AllKeysStore::open(package, QStringLiteral("writer"));
+    writer->loadNow();
+    // An old paragraph, then a layout that no longer holds it.
+    writer->setPropertyListValue(QStringLiteral("old paragraph"), QStringLiteral("p1"));
+    writer->setPropertyListValue(QStringLiteral("other paragraph"), QStringLiteral("p2"));
+    writer->setPropertyListValue(QVariantList{QStringLiteral("p2")}, QStringLiteral("layout"));
+    ASSERT_TRUE(writer->saveNow());
+
+    auto reader = std::make_shared<ChosenKeysStore>(QUrl::fromLocalFile(package), QStringLiteral("reader"));
+    reader->setRelevantKeys({QStringLiteral("layout"), QStringLiteral("p2"), QStringLiteral("p3")});
+    reader->loadNow();
+    ASSERT_EQ(reader->propertyListValueForKey(QStringLiteral("p2")).toString(),
+              QStringLiteral("other paragraph"));
+    // The reader writes too, so that its own log has a bound as well.
+    reader->setPropertyListValue(QStringLiteral("mine"), QStringLiteral("p3"));
+    ASSERT_TRUE(reader->saveNow());
+
+    // The writer puts p1 back without rewriting it; p1 and p3 (the reader's own, older than the reader's
+    // bound) become relevant together with the new layout.
+    writer->setPropertyListValue(QVariantList{QStringLiteral("p1"), QStringLiteral("p2")},
+                                 QStringLiteral("layout"));
+    ASSERT_TRUE(writer->saveNow());
+    NotificationRecorder recorder(reader.get());
+    reader->setRelevantKeys(
+        {QStringLiteral("layout"), QStringLiteral("p1"), QStringLiteral("p2"), QStringLiteral("p3")});
+    reader->syncNow();
+    EXPECT_EQ(reader->propertyListValueForKey(QStringLiteral("p1")).toString(),
+              QStringLiteral("old paragraph"));
+    EXPECT_EQ(reader->mostRecentTimestampForKey(QStringLiteral("p1")),
+              writer->mostRecentTimestampForKey(QStringLiteral("p1")));
+    EXPECT_EQ(reader->propertyListValueForKey(QStringLiteral("layout")).toList().size(), 2);
+    EXPECT_EQ(reader->propertyListValueForKey(QStringLiteral("p3")).toString(), QStringLiteral("mine"));
+    reader->waitUntilFinished();
+    // The new layout and the paragraph arrive in one change.
+    const auto changes = recorder.notifications(QString::fromUtf8(OAKStoreDidChangeNotification));
+    ASSERT_GE(changes.size(), 1u);
+    const QVariantMap values = changes[0].userInfo.value(QStringLiteral("values")).toMap();
+    EXPECT_TRUE(values.contains(QStringLiteral("p1")) && values.contains(QStringLiteral("layout")));
+    reader->tearDownNow();
+    writer->tearDownNow();
+}
+
 TEST(OAKStoreMerge, PreconditionsFailOnTheGlobalQueueAndChangeNothing) {
     NBTemporaryDirectory directory;
     const QString first = packagePath(directory, QStringLiteral("A"));
