@@ -488,11 +488,16 @@ void NBDocument::appendParagraphToDayInTransaction(const NBParagraph& paragraph,
                          layout.at(entries.front().layoutIndex).toString());
         return;
     }
-    // The anchor is the last paragraph of the kept day, or the day paragraph itself when its day is empty.
-    std::size_t end = *kept + 1;
+    // The anchor is the last paragraph of the kept day as paragraphsForDay() gives it, that is, under the
+    // first day paragraph of that day (a day can be listed twice after a merge), or the kept day paragraph
+    // itself when that day holds nothing.
+    std::size_t first = 0;
+    while (!(entries[first].isDay && entries[first].day == entries[*kept].day))
+        ++first;
+    std::size_t end = first + 1;
     while (end < entries.size() && !entries[end].isDay)
         ++end;
-    const qsizetype anchorIndex = entries[end - 1].layoutIndex;
+    const qsizetype anchorIndex = entries[end == first + 1 ? *kept : end - 1].layoutIndex;
     const QString before =
         anchorIndex + 1 < layout.size() ? layout.at(anchorIndex + 1).toString() : QString();
     if (entries[*kept].day == day)

@@ -172,6 +172,22 @@ TEST(NBDocument, AppendingToADayCoversEachPlacement) {
     }
 }
 
+TEST(NBDocument, AppendingToARepeatedDayGoesAfterWhatParagraphsForDayGives) {
+    // A day listed twice (two devices each added it): the paragraph follows the paragraphs that
+    // paragraphsForDay() lists for that day, those under its first day paragraph.
+    const NBDay day7 = calendarDay(2024, 3, 7);
+    const std::vector<std::pair<QStringList, QStringList>> cases = {
+        {{"day 2024-03-07", "a", "day 2024-03-07", "b"}, {"day 2024-03-07", "a", "X", "day 2024-03-07", "b"}},
+        {{"day 2024-03-07", "day 2024-03-07", "b"}, {"day 2024-03-07", "day 2024-03-07", "X", "b"}},
+    };
+    for (const auto& [before, expected] : cases) {
+        auto document = NBExperiment::inMemoryExperiment();
+        document->insertParagraphs(paragraphsFromLabels(before), QString());
+        document->appendParagraph(NBParagraph::normalParagraphWithContent("X"), day7);
+        EXPECT_EQ(labels(document->paragraphs()), expected) << before.join(", ").toStdString();
+    }
+}
+
 TEST(NBDocument, ParagraphsForDayAndDays) {
     auto document = NBExperiment::inMemoryExperiment();
     document->insertParagraphs(paragraphsFromLabels({"intro", "day 2024-03-09", "c", "#c1", "#c2",
