@@ -21,13 +21,18 @@ struct CommandRun {
     }
 };
 
-CommandRun quillon(const QStringList& arguments) {
+// Runs `quillon <arguments>`; a crash gives exit code -1.
+CommandRun quillonCommand(const QStringList& arguments) {
     QProcess process;
-    process.start(QStringLiteral(QUILLON_BINARY), QStringList{"doc"} + arguments);
+    process.start(QStringLiteral(QUILLON_BINARY), arguments);
     process.waitForFinished(60000);
     return {process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1,
             QString::fromUtf8(process.readAllStandardOutput()).trimmed(),
             QString::fromUtf8(process.readAllStandardError()).trimmed()};
+}
+
+CommandRun quillon(const QStringList& arguments) {
+    return quillonCommand(QStringList{"doc"} + arguments);
 }
 
 QMap<QString, QByteArray> snapshot(const QString& root) {
@@ -121,6 +126,69 @@ TEST(DocCommand, ErrorsAndReadingChangeNothing) {
     // Reading as an unknown device creates nothing either.
     EXPECT_EQ(quillon({"show", package}).exitCode, 0);
     EXPECT_EQ(quillon({"json", package}).exitCode, 0);
+    EXPECT_EQ(snapshot(directory.path()), before) << directory.listing().toStdString();
+}
+
+TEST(DocCommand, DamagedPackagesAreReadWithoutCrashingOrChangingThem) {
+    NBTemporaryDirectory directory;
+    const CommandRun created =
+        quillon({"new", "experiment", directory.path(), "--title", "E", "--device", "bench"});
+    ASSERT_EQ(created.exitCode, 0) << created.describe();
+    const QString package = created.out;
+    ASSERT_EQ(quillon({"append", package, "--type", "number", "--content", "n", "--day", "2024-03-07",
+                       "--device", "bench"})
+                  .exitCode,
+              0);
+    // Values of the wrong shape under every kind of key, as another tool or a damaged log could leave them.
+    const std::vector<std::pair<QString, QString>> values = {
+        {"title", "42"},
+        {"author", R"({"a": [1, 2.5]})"},
+        {"X1", R"({"type": "number", "content": {"x": 1}, "indentationLevel": -7})"},
+        {"X2", R"({"type": 5})"},
+        {"X3", R"("not a dictionary")"},
+        {"X4", R"({"type": "table", "content": "a\tb\n\n&#9;", "tableColumnWidths": ["x", true]})"},
+        {"X5", R"({"type": "day", "dayRep": "garbage"})"},
+        {"X6", R"({"type": "bullet", "indentationLevel": 1e300, "timerStart": "later"})"},
+        {"X7", R"({"type": "number", "indentationLevel": 9223372036854775807})"},
+        {"X8", R"({"type": "section", "content": "<b>unclosed <i>&bogus;"})"},
+        {"X9", R"({"type": "text", "content": "a fragment"})"},
+        {"layout", R"(["X1", "X2", "X3", 7, "X4", "X5", "X6", "X7", "X8", "X9", "missing", "X1"])"},
+        {"layout", R"("not an array")"},
+    };
+    for (qsizetype index = 0; index < qsizetype(values.size()); ++index) {
+        const auto& [key, json] = values[std::size_t(index)];
+        const CommandRun set = quillonCommand({"store", "set", package, key, json, "--device", "other"});
+        ASSERT_EQ(set.exitCode, 0) << key.toStdString() << " " << set.describe();
+        if (key != "layout")
+            continue;
+        const QMap<QString, QByteArray> before = snapshot(directory.path());
+        for (const char* command : {"show", "json"}) {
+            const CommandRun run = quillon({command, package});
+            EXPECT_EQ(run.exitCode, 0) << command << " after " << json.toStdString() << "\n"
+                                       << run.describe();
+        }
+        EXPECT_EQ(snapshot(directory.path()), before);
+    }
+
+    // Damaged log files: reading either fails cleanly or shows what it could, and changes nothing.
+    QDirIterator logs(package + "/devices", QDir::Files, QDirIterator::Subdirectories);
+    QStringList logFiles;
+    while (logs.hasNext())
+        logFiles.append(logs.next());
+    ASSERT_FALSE(logFiles.isEmpty());
+    for (const QString& path : logFiles) {
+        QFile file(path);
+        ASSERT_TRUE(file.open(QIODevice::ReadWrite));
+        const QByteArray contents = file.readAll();
+        file.resize(contents.size() / 2);
+        file.seek(file.size() / 2);
+        file.write(QByteArray(64, '\xA5'));
+    }
+    const QMap<QString, QByteArray> before = snapshot(directory.path());
+    for (const char* command : {"show", "json"}) {
+        const CommandRun run = quillon({command, package});
+        EXPECT_TRUE(run.exitCode == 0 || run.exitCode == 1) << command << "\n" << run.describe();
+    }
     EXPECT_EQ(snapshot(directory.path()), before) << directory.listing().toStdString();
 }
 
