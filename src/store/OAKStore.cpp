@@ -450,6 +450,11 @@ void OAKStore::writePendingRows() {
             continue;
         }
         newest = std::max(newest, row.timestamp);
+        // The row lies at or below the local log's new bound: a lookup of its key below the bound must run
+        // again.
+        if (const auto searched = keysSearchedBelowBound_.find(deviceIdentifier_);
+            searched != keysSearchedBelowBound_.end())
+            searched->remove(row.key);
     }
     NBTimestamp& known =
         databaseTimestamps_.try_emplace(deviceIdentifier_, timestampForDistantPast()).first->second;
@@ -652,6 +657,7 @@ void OAKStore::_tearDownDatabase() {
     // The in-memory view is emptied with the database: the next load must read every key again, so the key
     // bookkeeping that bounds what a sync reads goes too.
     keyTimestamps_.clear();
+    keysSearchedBelowBound_.clear();
 }
 
 // MARK: - The database context
@@ -692,6 +698,7 @@ bool OAKStore::openDatabaseContext(NBError* outError) {
         }
         const QString path = databasePathForDeviceIdentifier(deviceIdentifier_);
         readwriteDatabase_ = OAKStoreLog::open(path, OAKStoreLog::Mode::ReadWrite, &error);
+        keysSearchedBelowBound_.remove(deviceIdentifier_);
         if (readwriteDatabase_)
             reportedOpenFailures_.remove(path);
         else
@@ -711,9 +718,10 @@ void OAKStore::refreshStoreList() {
     for (auto entry = readonlyDatabases_.begin(); entry != readonlyDatabases_.end();) {
         // A log replaced by a file-synchronisation service (a new file under the same name) is reopened: the
         // open connection still reads the old, unlinked file.
-        if (!present.contains(entry->first) || entry->second->fileWasReplaced())
+        if (!present.contains(entry->first) || entry->second->fileWasReplaced()) {
+            keysSearchedBelowBound_.remove(entry->first);
             entry = readonlyDatabases_.erase(entry);
-        else
+        } else
             ++entry;
     }
     for (const QString& identifier : present) {
@@ -727,6 +735,7 @@ void OAKStore::refreshStoreList() {
             continue;
         }
         reportedOpenFailures_.remove(path);
+        keysSearchedBelowBound_.remove(identifier);
         readonlyDatabases_.emplace(identifier, std::move(log));
     }
     if (!options_.readOnly && readonlyDatabases_.count(deviceIdentifier_))
@@ -816,6 +825,7 @@ void OAKStore::accommodatePresentedItemDeletion() {
         databaseQueue_->cancelTimerWithName(QStringLiteral("sync_coalesce"));
         databaseTimestamps_.clear();
         keyTimestamps_.clear();
+        keysSearchedBelowBound_.clear();
     });
     postNotificationWithName(QString::fromUtf8(OAKStoreDidDeleteNotification));
 }
@@ -1080,12 +1090,24 @@ bool OAKStore::syncStep(bool announce) {
         for (Source& source : sources) {
             if (unresolved.isEmpty() || source.failed || !source.cursor.lowerBound)
                 continue;
+            // A log holds no more rows below its bound than it held when it was searched (rows are only
+            // appended, with newer timestamps), so each key is searched once per open log.
+            QSet<QString>& searched = keysSearchedBelowBound_[source.deviceIdentifier];
+            QStringList keys;
+            for (const QString& key : unresolved) {
+                if (!searched.contains(key))
+                    keys << key;
+            }
+            if (keys.isEmpty())
+                continue;
             std::vector<OAKLogRow> rows;
-            if (!source.log->fetchRowsForKeys(unresolved, rows, &error)) {
+            if (!source.log->fetchRowsForKeys(keys, rows, &error)) {
                 source.failed = true;
                 reportOpenFailureOnce(source.log->path(), error);
                 continue;
             }
+            for (const QString& key : keys)
+                searched.insert(key);
             QSet<QString> decoded; // keys whose newest decodable row in this log was taken
             for (const OAKLogRow& row : rows) {
                 const QString& key = *row.key; // the query matched the key, so it is not null

@@ -345,6 +345,8 @@ protected:
     std::map<QString, std::unique_ptr<OAKStoreLog>> readonlyDatabases_;
     std::map<QString, NBTimestamp> databaseTimestamps_;
     QHash<QString, NBTimestamp> keyTimestamps_;
+    // Device -> relevant keys already looked up in full below that log's bound since it was opened.
+    QHash<QString, QSet<QString>> keysSearchedBelowBound_;
     QHash<QString, QString> reportedOpenFailures_; // path -> message already logged
     std::size_t unwrittenRowCount_ = 0;            // rows that found no writable log since the last save
     std::atomic<unsigned long long> saveCommitCount_{0};
