@@ -11,15 +11,15 @@
 // Reading accepts what browsers, office programs and our writer produce: <b>, <strong>, <i>, <em>, <u>,
 // <ins>, <del>, <s>, <strike>, <sup>, <sub>, <mark>, <a href>, <font color>, and the inline "style" of any
 // element for font-weight, font-style, text-decoration (underline, line-through), color, background and
-// background-color ("transparent" removes), font-variant(-caps), vertical-align (super, sub, baseline) and
-// white-space. Nested declarations override outer ones ("font-weight:normal" inside <b>). Other elements
-// keep their text; block elements (p, div, li, headings, table rows, ...) and <br> give line breaks and table
-// cells tabs; script, style, title and comments give nothing. White space collapses as browsers do, except
-// under <pre> or white-space:pre/pre-wrap/break-spaces. Character references (named, decimal and
-// hexadecimal) are decoded; unknown ones stay as text. Links whose address is "javascript:", "vbscript:" or
-// "data:" keep their text without the link. A link whose address is its own text reads as the shared
-// hyperlink style. Unclosed elements run to the end; stray closing tags are ignored. Any text reads as some
-// styled string; the result is plain text with styles, so no markup passes through.
+// background-color ("transparent" or a fully transparent colour removes), font-variant(-caps), vertical-align
+// (super, sub, baseline) and white-space. Nested declarations override outer ones ("font-weight:normal"
+// inside <b>). Other elements keep their text; block elements (p, div, li, headings, table rows, ...) and
+// <br> give line breaks and table cells tabs; script, style, title and comments give nothing. White space
+// collapses as browsers do, except under <pre> or white-space:pre/pre-wrap/break-spaces. Character references
+// (named, decimal and hexadecimal) are decoded; unknown ones stay as text. Links whose address is
+// "javascript:", "vbscript:" or "data:" keep their text without the link. A link whose address is its own
+// text reads as the shared hyperlink style. Unclosed elements run to the end; stray closing tags are ignored.
+// Any text reads as some styled string; the result is plain text with styles, so no markup passes through.
 #include "document/NBStyledString.h"
 
 #include <QHash>
@@ -555,7 +555,10 @@ private:
                             break;
                     }
                 }
-                if (color.isValid())
+                // A fully transparent colour shows nothing, like "transparent" itself.
+                if (color.isValid() && color.alpha() == 0)
+                    remove(NBStyle::Kind::BackgroundColor);
+                else if (color.isValid())
                     add(NBStyle::styleForBackgroundColor(color));
             } else if (property == u"font-variant" || property == u"font-variant-caps") {
                 if (value.contains(u"small-caps"))

@@ -1,6 +1,14 @@
 // Styled text to and from QTextDocument character formats: how the desktop editor shows and edits styled
 // text, and how pasted or imported rich text becomes paragraph markup (the mapping is listed in
 // NBStyledString.h).
+//
+// Colours of rich text from elsewhere: web word processors write every character's colours out in full, so
+// text pasted from them carries an opaque black text colour and a fully transparent background everywhere.
+// A fully transparent background shows nothing and is no style at all, whatever the text came from. Opaque
+// black text in formats that were not made from styles is the source's default text colour, not a choice: as
+// in the notebook programs people paste into most, it is dropped, so pasted text follows the notebook's own
+// text colour (and stays readable in a dark theme). Black chosen in the editor is kept, since formats made
+// from styles carry NBStyledTextFormatProperty.
 #include "document/NBStyledString.h"
 
 #include <QGuiApplication>
@@ -56,7 +64,8 @@ QTextCharFormat NBStyledString::attributesFromStyles(const NBStyleSet& styles,
 NBStyleSet NBStyledString::stylesFromAttributes(const QTextCharFormat& attributes) {
     NBStyleSet styles;
     const bool isLink = attributes.isAnchor() && !attributes.anchorHref().isEmpty();
-    const bool drawnAsLink = isLink && !attributes.property(NBStyledTextFormatProperty).toBool();
+    const bool madeFromStyles = attributes.property(NBStyledTextFormatProperty).toBool();
+    const bool drawnAsLink = isLink && !madeFromStyles;
     const QColor linkColor = qGuiApp ? QGuiApplication::palette().link().color() : QColor(Qt::blue);
     if (attributes.fontWeight() >= QFont::DemiBold)
         styles.insert(NBStyle::bold());
@@ -72,12 +81,13 @@ NBStyleSet NBStyledString::stylesFromAttributes(const QTextCharFormat& attribute
         styles.insert(NBStyle::superscript());
     else if (attributes.verticalAlignment() == QTextCharFormat::AlignSubScript)
         styles.insert(NBStyle::subscript());
+    const QColor foreground = attributes.foreground().color();
     if (attributes.hasProperty(QTextFormat::ForegroundBrush) &&
-        attributes.foreground().style() != Qt::NoBrush &&
-        !(drawnAsLink && attributes.foreground().color() == linkColor))
-        styles.insert(NBStyle::styleForTextColor(attributes.foreground().color()));
+        attributes.foreground().style() != Qt::NoBrush && !(drawnAsLink && foreground == linkColor) &&
+        !(!madeFromStyles && foreground.rgba() == qRgb(0, 0, 0)))
+        styles.insert(NBStyle::styleForTextColor(foreground));
     if (attributes.hasProperty(QTextFormat::BackgroundBrush) &&
-        attributes.background().style() != Qt::NoBrush)
+        attributes.background().style() != Qt::NoBrush && attributes.background().color().alpha() != 0)
         styles.insert(NBStyle::styleForBackgroundColor(attributes.background().color()));
     // Named anchors (<a name=...>) are not links.
     if (isLink)

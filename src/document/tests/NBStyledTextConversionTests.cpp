@@ -104,6 +104,10 @@ TEST(NBStyledStringHTML, ReadsWhatBrowsersAndOfficeProgramsWrite) {
             {QString("<i>").repeated(100000) + "x" + QString("<u>y").repeated(1000),
              make({{"x" + QString("y").repeated(1000), {italic}}})},
             {"<b title=\"a > b\">x</b>", make({{"x", {bold}}})},
+            {"<mark style=\"background-color:#ff0\">a<span "
+             "style=\"background:rgba(0,0,0,0)\">b</span></mark>",
+             make({{"a", {NBStyle::pop(), NBStyle::styleForBackgroundColor(Qt::yellow)}},
+                   {"b", {NBStyle::pop()}}})},
         });
 }
 
@@ -233,6 +237,20 @@ TEST(NBStyledStringRichText, ShowsStylesAsCharacterFormats) {
                     {"w", {}},
                     {"link", {link("http://u.org")}},
                     {"v", {NBStyle::underline(), textColor(Qt::blue)}}}));
+}
+
+TEST(NBStyledStringRichText, PastedTextDropsDefaultBlackAndTransparentBackground) {
+    // What a web word processor puts on the clipboard: every span in explicit black on transparent.
+    QTextDocument pasted;
+    pasted.setHtml("<span style=\"color:#000000;background-color:transparent\">plain</span><span "
+                   "style=\"color:#000000;background-color:rgba(0,0,0,0)\">b</span><span "
+                   "style=\"color:#ff0000;background-color:#ffff00\">marked</span>");
+    EXPECT_EQ(NBStyledString::styledStringFromAttributedString(pasted),
+              make({{"plainb", {}},
+                    {"marked", {textColor(Qt::red), NBStyle::styleForBackgroundColor(Qt::yellow)}}}));
+    // Black chosen in the editor stays.
+    const NBStyledString chosen = make({{"ink", {textColor(Qt::black)}}});
+    EXPECT_EQ(NBStyledString::styledStringFromAttributedString(chosen.attributedString()), chosen);
 }
 
 RC_GTEST_PROP(NBStyledStringRichText, RoundTripKeepsEveryStyle, ()) {

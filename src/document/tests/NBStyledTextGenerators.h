@@ -153,11 +153,11 @@ inline rc::Gen<NBStyleSet> genStyleSet(StyleRange range) {
             }
             if (*rc::gen::inRange(0, 3) == 0) {
                 const int kind = *rc::gen::inRange(minimumColor, 3);
-                const QColor color = kind == 0 ? QColor()
-                                     : kind == 1
-                                         ? QColor(0xFF, 0xFF, 0x00)
-                                         : QColor(*rc::gen::inRange(0, 256), *rc::gen::inRange(0, 256),
-                                                  *rc::gen::inRange(0, 256), *rc::gen::inRange(0, 256));
+                const QColor color =
+                    kind == 0   ? QColor()
+                    : kind == 1 ? QColor(0xFF, 0xFF, 0x00)
+                                : QColor(*rc::gen::inRange(0, 256), *rc::gen::inRange(0, 256),
+                                         *rc::gen::inRange(0, 256), *rc::gen::inRange(minimumColor, 256));
                 styles.insert(NBStyle::styleForBackgroundColor(color));
             }
         }
