@@ -129,17 +129,30 @@ NBTreeNode::Pointer NBTreeNode::nextNodeDepthFirstWithCommonAncestor(const NBTre
     return nullptr;
 }
 
+// The two whole-subtree walks keep their own stack rather than stepping with nextNodeDepthFirst(), which
+// finds a node's next sibling by searching its parent's children: a day holding thousands of paragraphs
+// would make every step a search and the walk quadratic.
 std::vector<NBTreeNode::Pointer> NBTreeNode::flatSubtreeDepthFirst() {
     std::vector<Pointer> nodes;
-    for (Pointer node = shared_from_this(); node; node = node->nextNodeDepthFirstWithCommonAncestor(this))
-        nodes.push_back(node);
+    std::vector<Pointer> pending{shared_from_this()};
+    while (!pending.empty()) {
+        Pointer node = std::move(pending.back());
+        pending.pop_back();
+        pending.insert(pending.end(), node->childNodes_.rbegin(), node->childNodes_.rend());
+        nodes.push_back(std::move(node));
+    }
     return nodes;
 }
 
 std::size_t NBTreeNode::descendantCount() const {
     std::size_t count = 0;
-    for (Pointer node = nextNodeDepthFirstWithCommonAncestor(this); node;
-         node = node->nextNodeDepthFirstWithCommonAncestor(this))
-        ++count;
+    std::vector<const NBTreeNode*> pending{this};
+    while (!pending.empty()) {
+        const NBTreeNode* node = pending.back();
+        pending.pop_back();
+        count += node->childNodes_.size();
+        for (const Pointer& child : node->childNodes_)
+            pending.push_back(child.get());
+    }
     return count;
 }
