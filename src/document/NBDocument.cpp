@@ -698,11 +698,12 @@ std::optional<QStringList> NBDocument::syncedLayout() const {
         return std::nullopt;
     NBError error;
     const std::optional<QVariant> value = propertyListWithData(*newest->blob, &error);
-    bool valid = false;
-    const QStringList layout = value ? stringListFromVariant(*value, &valid) : QStringList();
-    if (!valid)
+    // A layout with an item that is not a string (damaged, or written by another tool) still lists the
+    // paragraphs of its string items, as layout() reads it; only a value that is no array gives nothing.
+    if (!value || (value->metaType().id() != QMetaType::QVariantList &&
+                   value->metaType().id() != QMetaType::QStringList))
         return std::nullopt;
-    return layout;
+    return stringListFromVariant(*value);
 }
 
 std::optional<QSet<QString>> NBDocument::relevantKeysForSync() const {

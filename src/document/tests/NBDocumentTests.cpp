@@ -127,6 +127,23 @@ TEST(NBDocument, ModifyingAndRemovingTouchOnlyTheLayoutsParagraphs) {
     reopened->tearDownNow();
 }
 
+TEST(NBDocument, ALayoutWithAnItemThatIsNotAStringStillLoadsItsParagraphs) {
+    NBTemporaryDirectory directory;
+    auto document = NBExperiment::newExperimentInFolder(directory.path(), "device", "Damaged");
+    ASSERT_TRUE(document);
+    const QList<NBParagraph> paragraphs = paragraphsFromLabels({"a", "b"});
+    document->insertParagraphs(paragraphs, QString());
+    document->setPropertyListValue(QVariantList{paragraphs[0].uuid(), 7, paragraphs[1].uuid()}, "layout");
+    const QString path = document->storePath();
+    ASSERT_TRUE(document->saveNow());
+    document->tearDownNow();
+    document.reset();
+    auto reopened = NBDocument::openDocumentAtPath(path, "device");
+    ASSERT_TRUE(reopened);
+    EXPECT_EQ(labels(reopened->paragraphs()), QStringList({"a", "b"}));
+    reopened->tearDownNow();
+}
+
 TEST(NBDocument, AppendingToADayCoversEachPlacement) {
     struct Case {
         const char* name;
