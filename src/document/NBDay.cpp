@@ -588,7 +588,7 @@ NBDay NBDay::lastDayOfSameWeek() const {
     return firstDayOfSameWeek().dayByAddingDayInterval(6);
 }
 
-std::optional<NBDayComponents> NBDay::components(unsigned units, const NBDay& day) const {
+std::optional<NBDayComponents> NBDay::componentsSinceDay(unsigned units, const NBDay& day) const {
     if (isRelativeDay() && day.isRelativeDay()) {
         NBDayComponents result;
         qint64 difference = 0;
@@ -630,7 +630,7 @@ std::optional<NBDayComponents> NBDay::components(unsigned units, const NBDay& da
 }
 
 std::optional<qint64> NBDay::dayIntervalSinceDay(const NBDay& day) const {
-    const std::optional<NBDayComponents> difference = components(NBDayUnitDay, day);
+    const std::optional<NBDayComponents> difference = componentsSinceDay(NBDayUnitDay, day);
     return difference ? difference->day : std::nullopt;
 }
 

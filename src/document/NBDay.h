@@ -43,7 +43,7 @@ struct NBDayComponents {
     bool operator==(const NBDayComponents&) const = default;
 };
 
-// The units components() can be asked for.
+// The units componentsSinceDay() can be asked for.
 enum NBDayUnit : unsigned { NBDayUnitYear = 1, NBDayUnitMonth = 2, NBDayUnitWeek = 4, NBDayUnitDay = 8 };
 
 class NBDay {
@@ -120,7 +120,7 @@ public:
 
     // The calendar difference from `day` to this one in the asked units (a mask of NBDayUnit), largest unit
     // first; for two relative days only the day difference; nothing for one of each or a null day.
-    std::optional<NBDayComponents> components(unsigned units, const NBDay& day) const;
+    std::optional<NBDayComponents> componentsSinceDay(unsigned units, const NBDay& day) const;
     std::optional<qint64> dayIntervalSinceDay(const NBDay& day) const;
     // Calendar days compare by calendar; relative days by weeks of 7, months of 30 and years of 365 days.
     bool isSameWeekAsDay(const NBDay& day) const;

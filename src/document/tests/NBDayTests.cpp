@@ -141,16 +141,18 @@ TEST(NBDay, ArithmeticTable) {
     EXPECT_FALSE(five.dateAtNoonForGMTTimeZone().isValid());
 
     const auto difference =
-        calendar(2024, 3, 7).components(NBDayUnitYear | NBDayUnitMonth | NBDayUnitDay, calendar(2022, 1, 31));
+        calendar(2024, 3, 7)
+            .componentsSinceDay(NBDayUnitYear | NBDayUnitMonth | NBDayUnitDay, calendar(2022, 1, 31));
     ASSERT_TRUE(difference);
     EXPECT_EQ(*difference, (NBDayComponents{2, 1, {}, 7}));
     const auto backwards =
-        calendar(2022, 1, 31).components(NBDayUnitMonth | NBDayUnitWeek | NBDayUnitDay, calendar(2024, 3, 7));
+        calendar(2022, 1, 31)
+            .componentsSinceDay(NBDayUnitMonth | NBDayUnitWeek | NBDayUnitDay, calendar(2024, 3, 7));
     ASSERT_TRUE(backwards);
     EXPECT_EQ(*backwards, (NBDayComponents{{}, -25, -1, -0}));
     EXPECT_EQ(calendar(2024, 3, 7).dayIntervalSinceDay(calendar(2023, 3, 7)), 366);
     EXPECT_EQ(five.dayIntervalSinceDay(NBDay::relativeDayWithInteger(-2)), 7);
-    EXPECT_EQ(five.components(NBDayUnitMonth, NBDay::relativeDayWithInteger(-2)), NBDayComponents{});
+    EXPECT_EQ(five.componentsSinceDay(NBDayUnitMonth, NBDay::relativeDayWithInteger(-2)), NBDayComponents{});
     EXPECT_FALSE(five.dayIntervalSinceDay(calendar(2024, 3, 7)));
 
     EXPECT_TRUE(calendar(2024, 3, 7).isSameMonthAsDay(calendar(2024, 3, 31)));
