@@ -1,4 +1,5 @@
 // Black-box tests of `quillon doc`: the built binary run against packages in a temporary folder.
+#include "foundation/testing/NBCommandRun.h"
 #include "foundation/testing/NBTemporaryDirectory.h"
 
 #include <QCryptographicHash>
@@ -12,23 +13,11 @@
 
 namespace {
 
-struct CommandRun {
-    int exitCode = -1;
-    QString out;
-    QString err;
-    std::string describe() const {
-        return QStringLiteral("exit %1\nstdout: %2\nstderr: %3").arg(exitCode).arg(out, err).toStdString();
-    }
-};
+using CommandRun = NBCommandRun;
 
 // Runs `quillon <arguments>`; a crash gives exit code -1.
 CommandRun quillonCommand(const QStringList& arguments) {
-    QProcess process;
-    process.start(QStringLiteral(QUILLON_BINARY), arguments);
-    process.waitForFinished(60000);
-    return {process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1,
-            QString::fromUtf8(process.readAllStandardOutput()).trimmed(),
-            QString::fromUtf8(process.readAllStandardError()).trimmed()};
+    return nbRunCommand(QStringLiteral(QUILLON_BINARY), arguments);
 }
 
 CommandRun quillon(const QStringList& arguments) {
@@ -36,17 +25,7 @@ CommandRun quillon(const QStringList& arguments) {
 }
 
 QMap<QString, QByteArray> snapshot(const QString& root) {
-    QMap<QString, QByteArray> files;
-    QDirIterator iterator(root, QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden,
-                          QDirIterator::Subdirectories);
-    while (iterator.hasNext()) {
-        const QString path = iterator.next();
-        QFile file(path);
-        files.insert(path, QFileInfo(path).isDir() || !file.open(QIODevice::ReadOnly)
-                               ? QByteArray("dir")
-                               : QCryptographicHash::hash(file.readAll(), QCryptographicHash::Sha256));
-    }
-    return files;
+    return nbTreeSnapshot(root);
 }
 
 TEST(DocCommand, NewAppendShowAndJSON) {

@@ -13,22 +13,10 @@
 
 namespace {
 
-struct CommandRun {
-    int exitCode = -1;
-    QString out;
-    QString err;
-    std::string describe() const {
-        return QStringLiteral("exit %1\nstdout: %2\nstderr: %3").arg(exitCode).arg(out, err).toStdString();
-    }
-};
+using CommandRun = NBCommandRun;
 
 CommandRun quillon(const QStringList& arguments) {
-    QProcess process;
-    process.start(QStringLiteral(QUILLON_BINARY), arguments);
-    process.waitForFinished(60000);
-    return {process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1,
-            QString::fromUtf8(process.readAllStandardOutput()).trimmed(),
-            QString::fromUtf8(process.readAllStandardError()).trimmed()};
+    return nbRunCommand(QStringLiteral(QUILLON_BINARY), arguments);
 }
 
 CommandRun set(const QString& package, const QString& key, const QString& json, const QString& device) {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "foundation/NBNotificationCenter.h"
+#include "foundation/testing/NBCommandRun.h"
 #include "store/OAKStore.h"
 
 #include <QCryptographicHash>
@@ -81,25 +82,8 @@ private:
     NBScopedObserver observer_;
 };
 
-// Every file and folder below `root` with a hash of its contents: two snapshots are equal when nothing was
-// created, removed or changed.
 inline QMap<QString, QByteArray> treeSnapshot(const QString& root) {
-    QMap<QString, QByteArray> snapshot;
-    QDirIterator iterator(root, QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden | QDir::System,
-                          QDirIterator::Subdirectories);
-    while (iterator.hasNext()) {
-        const QString path = iterator.next();
-        const QFileInfo info(path);
-        QByteArray hash = QByteArrayLiteral("dir");
-        if (!info.isDir()) {
-            QFile file(path);
-            hash = file.open(QIODevice::ReadOnly)
-                       ? QCryptographicHash::hash(file.readAll(), QCryptographicHash::Sha256).toHex()
-                       : QByteArrayLiteral("unreadable");
-        }
-        snapshot.insert(QDir(root).relativeFilePath(path), hash);
-    }
-    return snapshot;
+    return nbTreeSnapshot(root);
 }
 
 // Polls `condition` until it holds or `seconds` pass; returns whether it held.
