@@ -587,24 +587,31 @@ bool NBDocument::writeAttachmentsForParagraphs(const QList<NBParagraph>& paragra
     }
     if (!failed)
         return true;
+    return nbFail(outError, errorForAttachmentErrors(std::move(errors)));
+}
+
+NBError NBDocument::errorForAttachmentErrors(std::vector<NBError> errors) const {
     if (errors.size() == 1)
-        return nbFail(outError, errors.front());
-    if (errors.empty())
-        return documentFailure(
-            className(), outError, kNBDocumentErrorUnknownAttachmentError,
+        return errors.front();
+    NBError error;
+    if (errors.empty()) {
+        documentFailure(
+            className(), &error, kNBDocumentErrorUnknownAttachmentError,
             nbFormat("Unknown error while saving attachments for paragraphs in document at path %@",
                      storePath()));
+        return error;
+    }
     const QString message = nbFormat(
         "Multiple errors while saving attachments for paragraphs in document at path %@", storePath());
     qCWarning(lcDocument).noquote() << message;
-    NBError error = NBError::errorWithObject(className().toStdString(),
-                                             kNBDocumentErrorMultipleAttachmentErrors, message);
+    error = NBError::errorWithObject(className().toStdString(), kNBDocumentErrorMultipleAttachmentErrors,
+                                     message);
     QStringList descriptions;
     for (const NBError& each : errors)
         descriptions.append(each.description());
     error.setUserInfoValue(QString::fromUtf8(kNBErrorArrayKey), descriptions);
     error.setErrors(std::move(errors));
-    return nbFail(outError, error);
+    return error;
 }
 
 bool NBDocument::writeAttachmentData(const QByteArray& data, const NBParagraph& paragraph,

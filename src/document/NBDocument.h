@@ -168,6 +168,10 @@ public:
     // Copies every paragraph's file; one failure is returned as it is, several as one error whose
     // errors() (and "ErrorArray" user information) list them; the others are still written.
     bool writeAttachmentsForParagraphs(const QList<NBParagraph>& paragraphs, NBError* outError = nullptr);
+    // The error for attachments that could not be saved: one error as it is, several gathered under
+    // "Multiple errors while saving attachments..." with their descriptions under "ErrorArray", none known
+    // as "Unknown error while saving attachments...".
+    NBError errorForAttachmentErrors(std::vector<NBError> errors) const;
     bool writeAttachmentData(const QByteArray& data, const NBParagraph& paragraph,
                              NBError* outError = nullptr);
     bool deleteAttachmentForParagraph(const NBParagraph& paragraph, NBError* outError = nullptr);

@@ -65,20 +65,7 @@ QList<NBParagraph> NBExperiment::insertProtocol(NBProtocol& protocol, const NBDa
         if (!data || !writeAttachmentData(*data, each.copy, &error))
             errors.push_back(error);
     }
-    if (errors.size() == 1) {
-        nbFail(outError, errors.front());
-    } else if (errors.size() > 1) {
-        const QString message = nbFormat(
-            "Multiple errors while saving attachments for paragraphs in document at path %@", storePath());
-        qCWarning(lcDocument).noquote() << message;
-        NBError error = NBError::errorWithObject(className().toStdString(),
-                                                 kNBDocumentErrorMultipleAttachmentErrors, message);
-        QStringList descriptions;
-        for (const NBError& each : errors)
-            descriptions.append(each.description());
-        error.setUserInfoValue(QString::fromUtf8(kNBErrorArrayKey), descriptions);
-        error.setErrors(std::move(errors));
-        nbFail(outError, error);
-    }
+    if (!errors.empty())
+        nbFail(outError, errorForAttachmentErrors(std::move(errors)));
     return inserted;
 }
