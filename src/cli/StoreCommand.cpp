@@ -295,28 +295,30 @@ private:
             return fail(QStringLiteral("number out of range"));
         return QVariant(real);
     }
+    // Steps over `character` when it comes next.
+    bool consume(char16_t character) {
+        if (position_ < text_.size() && text_[position_] == QChar(character)) {
+            ++position_;
+            return true;
+        }
+        return false;
+    }
     std::optional<QVariant> parseArray() {
         ++position_;
         QVariantList list;
         skipSpace();
-        if (position_ < text_.size() && text_[position_] == QLatin1Char(']')) {
-            ++position_;
+        if (consume(u']'))
             return QVariant(list);
-        }
         for (;;) {
             std::optional<QVariant> element = parseValue();
             if (!element)
                 return std::nullopt;
             list.append(*element);
             skipSpace();
-            if (position_ < text_.size() && text_[position_] == QLatin1Char(',')) {
-                ++position_;
+            if (consume(u','))
                 continue;
-            }
-            if (position_ < text_.size() && text_[position_] == QLatin1Char(']')) {
-                ++position_;
+            if (consume(u']'))
                 return QVariant(list);
-            }
             return fail(QStringLiteral("expected ',' or ']'"));
         }
     }
@@ -324,10 +326,8 @@ private:
         ++position_;
         QVariantMap map;
         skipSpace();
-        if (position_ < text_.size() && text_[position_] == QLatin1Char('}')) {
-            ++position_;
+        if (consume(u'}'))
             return QVariant(map);
-        }
         for (;;) {
             skipSpace();
             if (position_ >= text_.size() || text_[position_] != QLatin1Char('"'))
@@ -336,22 +336,17 @@ private:
             if (!key)
                 return std::nullopt;
             skipSpace();
-            if (position_ >= text_.size() || text_[position_] != QLatin1Char(':'))
+            if (!consume(u':'))
                 return fail(QStringLiteral("expected ':'"));
-            ++position_;
             std::optional<QVariant> element = parseValue();
             if (!element)
                 return std::nullopt;
             map.insert(*key, *element);
             skipSpace();
-            if (position_ < text_.size() && text_[position_] == QLatin1Char(',')) {
-                ++position_;
+            if (consume(u','))
                 continue;
-            }
-            if (position_ < text_.size() && text_[position_] == QLatin1Char('}')) {
-                ++position_;
+            if (consume(u'}'))
                 return special(map);
-            }
             return fail(QStringLiteral("expected ',' or '}'"));
         }
     }

@@ -30,39 +30,12 @@
 
 namespace {
 
-void appendEscapedHTML(QString& out, QStringView text) {
-    for (QChar character : text) {
-        const char16_t code = character.unicode();
-        switch (code) {
-        case u'&':
-            out += u"&amp;";
-            break;
-        case u'<':
-            out += u"&lt;";
-            break;
-        case u'>':
-            out += u"&gt;";
-            break;
-        case u'"':
-            out += u"&quot;";
-            break;
-        case u'\n':
-            out += u"<br>";
-            break;
-        case u'\t':
-            out += character;
-            break;
-        default:
-            if (code < 0x20 || code == 0x7F)
-                out += QStringLiteral("&#%1;").arg(int(code));
-            else
-                out += character;
-        }
-    }
-}
+enum class LineBreaks { AsTags, AsReferences };
 
-// Attribute values keep line breaks as references: a <br> there would be text of the address.
-void appendEscapedAttribute(QString& out, QStringView text) {
+// Escapes text for HTML. In element content a line break becomes <br>; in attribute values line breaks
+// (and every other control character but tab) stay references, since a <br> there would be text of the
+// address.
+void appendEscaped(QString& out, QStringView text, LineBreaks lineBreaks) {
     for (QChar character : text) {
         const char16_t code = character.unicode();
         switch (code) {
@@ -79,7 +52,11 @@ void appendEscapedAttribute(QString& out, QStringView text) {
             out += u"&quot;";
             break;
         default:
-            if (code < 0x20 || code == 0x7F)
+            if (lineBreaks == LineBreaks::AsTags && code == u'\n')
+                out += u"<br>";
+            else if (lineBreaks == LineBreaks::AsTags && code == u'\t')
+                out += character;
+            else if (code < 0x20 || code == 0x7F)
                 out += QStringLiteral("&#%1;").arg(int(code));
             else
                 out += character;
@@ -719,13 +696,13 @@ QString NBStyledString::htmlFragmentString() const {
             if (style.kind() == NBStyle::Kind::Hyperlink) {
                 const QString address =
                     style.hyperlinkURL().isEmpty() ? text.toString() : style.hyperlinkURL();
-                appendEscapedAttribute(opening, address);
+                appendEscaped(opening, address, LineBreaks::AsReferences);
                 opening += u"\">";
             }
             html += opening;
             closing.prepend(closingTag);
         }
-        appendEscapedHTML(html, text);
+        appendEscaped(html, text, LineBreaks::AsTags);
         html += closing.join(QString());
     }
     if (preserve)

@@ -8,19 +8,9 @@
 namespace {
 
 using styledtext::genStyledString;
+using styledtext::make;
+using styledtext::Piece;
 using styledtext::StyleRange;
-
-struct Piece {
-    QString text;
-    NBStyleSet styles;
-};
-
-NBStyledString make(std::initializer_list<Piece> pieces) {
-    NBMutableStyledString result;
-    for (const Piece& piece : pieces)
-        result.appendString(piece.text, piece.styles);
-    return result;
-}
 
 const NBStyle red = NBStyle::styleForTextColor(QColor(255, 0, 0));
 

@@ -21,6 +21,19 @@ namespace styledtext {
 
 // Text drawn from pieces that matter to the formats: the escaped characters, Markdown and HTML specials,
 // spaces, accents, Greek, CJK and an emoji (a surrogate pair).
+// A styled string written as pieces of text with their styles: make({{"a", {}}, {"b", {bold}}}).
+struct Piece {
+    QString text;
+    NBStyleSet styles;
+};
+
+inline NBStyledString make(std::initializer_list<Piece> pieces) {
+    NBMutableStyledString result;
+    for (const Piece& piece : pieces)
+        result.appendString(piece.text, piece.styles);
+    return result;
+}
+
 inline rc::Gen<QString> genText() {
     static const std::vector<QString> pieces = {
         "a", "b",  "Z",  "0",  "7", " ",    "&",   "<",
