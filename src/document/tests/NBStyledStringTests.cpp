@@ -167,13 +167,20 @@ TEST(NBStyledString, EditingKeepsRunsNormalised) {
 RC_GTEST_PROP(NBStyledString, MarkupRoundTripKeepsTextAndStyles, ()) {
     const NBStyledString styled = *genStyledString(StyleRange::Markup);
     const NBStyledString read = NBStyledString::styledStringFromMarkupString(styled.markupString());
-    if (!styled.string().contains("&lt;")) {
+    // Text that itself holds "&lt;" within one run comes back with "<" there: the kept double unescape.
+    // Across a run boundary the two halves are read separately and stay as they were.
+    QString expected;
+    bool unescaped = false;
+    for (const NBStyledString::Run& run : styled.runs()) {
+        const QString text = styled.string().mid(run.location, run.length);
+        unescaped = unescaped || text.contains(QStringLiteral("&lt;"));
+        expected += QString(text).replace(QStringLiteral("&lt;"), QStringLiteral("<"));
+    }
+    RC_ASSERT(read.string() == expected);
+    if (!unescaped) {
         RC_ASSERT(read == styled);
         // Reading and writing again gives the same markup.
         RC_ASSERT(read.markupString() == styled.markupString());
-    } else {
-        // Text that itself holds "&lt;" comes back with "<" there: the kept double unescape.
-        RC_ASSERT(read.string() == QString(styled.string()).replace("&lt;", "<"));
     }
 }
 
