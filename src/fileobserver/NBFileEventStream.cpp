@@ -1,5 +1,6 @@
 // The inotify engine behind file observers: one shared inotify instance, one delivery thread, per-stream
-// recursive watches, coalescing windows and the polling fallback.
+// recursive watches and coalescing windows; and the polling fallback on a thread of its own, which moves a
+// stream back to inotify when it can.
 #include "fileobserver/NBFileEventStream.h"
 
 #include "fileobserver/NBFileObserver.h"
@@ -47,6 +48,8 @@ constexpr std::uint32_t kRootMask = kFolderMask & ~std::uint32_t(IN_DONT_FOLLOW 
 
 std::atomic<double> latencySeconds{kNBFileObserverLatency};
 std::atomic<double> pollingIntervalSeconds{kNBFileObserverPollingInterval};
+std::atomic<double> watchRetryIntervalSeconds{kNBFileObserverWatchRetryInterval};
+std::atomic<std::size_t> watchLimitCount{0};
 
 std::atomic<bool>& forcedPolling() {
     static std::atomic<bool> forced{[] {
@@ -54,6 +57,27 @@ std::atomic<bool>& forcedPolling() {
         return value && *value && std::strcmp(value, "0") != 0;
     }()};
     return forced;
+}
+
+struct PollHook {
+    std::mutex mutex;
+    NBFileEventStream::PollHook hook;
+};
+
+PollHook& pollHook() {
+    // Never destroyed: the polling thread may still look at it while the process exits.
+    static PollHook* shared = new PollHook();
+    return *shared;
+}
+
+void runPollHook(const QString& path, bool resumingWatch) {
+    NBFileEventStream::PollHook hook;
+    {
+        std::lock_guard lock(pollHook().mutex);
+        hook = pollHook().hook;
+    }
+    if (hook)
+        hook(path, resumingWatch);
 }
 
 Clock::duration durationForSeconds(double seconds) {
@@ -68,6 +92,22 @@ QString joinPath(const QString& folder, const QString& name) {
     return folder + QLatin1Char('/') + name;
 }
 
+std::size_t folderCountOfSnapshot(const NBFileSnapshot& snapshot) {
+    return std::size_t(std::count_if(snapshot.begin(), snapshot.end(),
+                                     [](const auto& entry) { return entry.second.isDirectory; }));
+}
+
+// Watching failed because the kernel ran out of watches (or memory for them): worth trying again once the
+// tree is smaller.
+bool isResourceError(int error) {
+    return error == ENOSPC || error == ENOMEM;
+}
+
+// Watching failed because the observed path is not there: worth trying again once it is.
+bool isMissingPathError(int error) {
+    return error == ENOENT || error == ENOTDIR;
+}
+
 struct PendingEvent {
     QString path;
     std::uint32_t flags = 0;
@@ -77,7 +117,9 @@ struct PendingEvent {
 } // namespace
 
 // One stream's state, shared by its handle and the engine. Fields are guarded by the engine's mutex, except
-// `snapshot`, which only the delivery thread touches once the stream is registered.
+// `snapshot`, which is guarded by `pollMutex`. Whoever walks the tree to poll it, to take a polling baseline
+// or to watch it again holds `pollMutex` throughout, so those walks never overlap for one stream; the
+// engine's mutex is only ever taken after `pollMutex`, never before.
 struct NBFileEventStreamState {
     std::uint64_t identifier = 0;
     QString rootPath;
@@ -85,14 +127,33 @@ struct NBFileEventStreamState {
     const void* context = nullptr;
     std::atomic<bool> running{true};
     std::atomic<bool> polling{false};
+    // Changes at every switch between watching and polling, so that a walk that released the engine's
+    // mutex can tell that the stream changed course meanwhile.
+    std::uint64_t generation = 0;
+    // Set when the stream fell back to polling while running: the next poll takes a new baseline instead of
+    // comparing, and reports a rescan of the root, since changes between the fallback and the baseline
+    // were seen by neither inotify nor polling.
+    bool needsBaseline = false;
     // Watched folders of this stream by path, and the descriptor of each.
     std::map<QString, int> watchByPath;
     std::vector<PendingEvent> pending;
     QHash<QString, qsizetype> pendingIndexByPath;
     std::optional<Clock::time_point> deadline;
-    bool flushRequested = false;
-    NBFileSnapshot snapshot;
+    // Flush tickets: requested by callers, ready once the stream's changes up to the request are recorded
+    // (read from inotify, or polled), served once the delivery thread has handed them over.
+    std::uint64_t flushRequested = 0;
+    std::uint64_t flushReady = 0;
+    std::uint64_t flushServed = 0;
+    // When polling: the next poll, the next attempt to watch again, and what makes an earlier attempt worth
+    // it (fewer folders than when watching failed for want of watches, or the missing root appearing).
     Clock::time_point nextPoll;
+    Clock::time_point nextRetry;
+    std::size_t retryBelowFolderCount = 0;
+    bool retryWhenRootExists = false;
+    int fallbackError = 0;
+
+    std::mutex pollMutex;
+    NBFileSnapshot snapshot;
 };
 
 namespace {
@@ -115,38 +176,54 @@ public:
         std::lock_guard lock(mutex_);
         return subscribersByWatch_.size();
     }
+    void setPausesReading(bool pauses);
     void wake();
+    void wakePoller() {
+        std::lock_guard lock(mutex_);
+        pollerCondition_.notify_all();
+    }
 
 private:
     Engine();
     void run();
+    void runPoller();
 
-    // The helpers below run with mutex_ held.
-    bool watchTree(NBFileEventStreamState& stream, const QString& folder, bool reportContents, bool isRoot);
+    // The helpers below run with mutex_ held. watchTree releases it while it lists a folder when given the
+    // caller's lock, and then gives up (ECANCELED) if the stream stopped or changed course meanwhile.
+    int watchTree(NBFileEventStreamState& stream, const QString& folder, bool reportContents, bool isRoot,
+                  std::unique_lock<std::mutex>* lock = nullptr, std::uint64_t generation = 0);
+    int addWatch(const QByteArray& path, std::uint32_t mask);
     void unwatchSubtree(NBFileEventStreamState& stream, const QString& folder);
     void unwatchAll(NBFileEventStreamState& stream);
     void unsubscribe(int watch, std::uint64_t streamIdentifier);
     void record(NBFileEventStreamState& stream, const QString& path, std::uint32_t flags);
-    void switchToPolling(NBFileEventStreamState& stream, bool logError);
+    void switchToPolling(NBFileEventStreamState& stream, bool logError, int error);
+    void setRetryTriggers(NBFileEventStreamState& stream, int error, std::size_t folderCount);
+    void startPoller();
     void readInotifyEvents();
     void handleEvent(NBFileEventStreamState& stream, int watch, const QString& folder, std::uint32_t mask,
                      const QString& name);
     void handleOverflow();
-    void applySnapshot(NBFileEventStreamState& stream, NBFileSnapshot snapshot);
+    void recordDifferences(NBFileEventStreamState& stream, const NBFileSnapshot& snapshot);
     std::vector<PendingEvent> takeBatch(NBFileEventStreamState& stream);
+
+    // These take the stream's pollMutex first and the engine's mutex only briefly.
+    void pollStream(const StreamPointer& stream, bool onPollingThread);
+    void resumeWatching(const StreamPointer& stream, std::uint64_t ticket);
 
     static void deliver(const StreamPointer& stream, const std::vector<PendingEvent>& batch);
 
     std::mutex mutex_;
     std::condition_variable flushCondition_;
+    std::condition_variable pollerCondition_;
+    bool pollerStarted_ = false;
+    bool readingPaused_ = false;
     int inotifyDescriptor_ = -1;
     int wakeDescriptor_ = -1;
     std::thread::id threadIdentifier_;
     std::unordered_map<int, std::map<std::uint64_t, QString>> subscribersByWatch_;
     std::map<std::uint64_t, StreamPointer> streams_;
     std::uint64_t nextEventIdentifier_ = 1;
-    std::uint64_t flushTicket_ = 0;
-    std::uint64_t completedFlushTicket_ = 0;
 };
 
 Engine::Engine() {
@@ -158,6 +235,16 @@ Engine::Engine() {
     thread.detach();
 }
 
+void Engine::startPoller() {
+    // The polling thread starts with the first stream that polls; most processes never need it.
+    if (pollerStarted_)
+        return;
+    pollerStarted_ = true;
+    std::thread thread([this] { runPoller(); });
+    pthread_setname_np(thread.native_handle(), "NBFilePoller");
+    thread.detach();
+}
+
 void Engine::wake() {
     if (wakeDescriptor_ < 0)
         return;
@@ -166,28 +253,47 @@ void Engine::wake() {
     (void)written; // A full counter already means "wake up".
 }
 
-void Engine::addStream(const StreamPointer& stream) {
-    if (!forcedPolling().load() && inotifyDescriptor_ >= 0) {
-        // The watches are added and the stream registered in one step, so that no event arriving on a new
-        // watch finds its stream missing.
-        std::unique_lock lock(mutex_);
-        if (watchTree(*stream, stream->rootPath, false, true)) {
-            streams_[stream->identifier] = stream;
-            return;
-        }
-        unwatchAll(*stream);
-    }
-    qCCritical(lcFileObserver).noquote()
-        << nbFormat("ERROR: could not start FSEventStream for path %@", stream->rootPath);
-    // The first snapshot is taken before the stream is registered, so only later changes are reported.
-    stream->snapshot = nbFileSnapshotOfPath(stream->rootPath);
-    stream->polling = true;
+void Engine::setPausesReading(bool pauses) {
     {
+        // Reading happens with the mutex held, so once this returns no read is under way.
         std::lock_guard lock(mutex_);
-        stream->nextPoll = Clock::now() + durationForSeconds(pollingIntervalSeconds.load());
-        streams_[stream->identifier] = stream;
+        readingPaused_ = pauses;
     }
     wake();
+}
+
+void Engine::addStream(const StreamPointer& stream) {
+    // Holding the stream's poll mutex keeps the polling thread from polling it before its baseline exists.
+    std::lock_guard pollLock(stream->pollMutex);
+    std::unique_lock lock(mutex_);
+    // The stream is registered before its watches are added, so that no event arriving on a new watch finds
+    // its stream missing. The walk lets go of the mutex while it lists folders: a large tree does not hold
+    // up delivery to the other streams.
+    streams_[stream->identifier] = stream;
+    int error = ENOSYS;
+    if (!forcedPolling().load() && inotifyDescriptor_ >= 0) {
+        std::uint64_t generation = ++stream->generation;
+        error = watchTree(*stream, stream->rootPath, false, true, &lock, generation);
+        // Done, or the stream fell back meanwhile and its baseline is on the way.
+        if (error == 0 || error == ECANCELED)
+            return;
+        unwatchAll(*stream);
+    }
+    ++stream->generation;
+    stream->polling = true;
+    stream->nextPoll = Clock::now() + durationForSeconds(pollingIntervalSeconds.load());
+    stream->nextRetry = Clock::now() + durationForSeconds(watchRetryIntervalSeconds.load());
+    lock.unlock();
+    qCCritical(lcFileObserver).noquote()
+        << nbFormat("ERROR: could not start FSEventStream for path %@", stream->rootPath);
+    // The baseline is taken before the constructor returns, so only later changes are reported.
+    NBFileSnapshot baseline = nbFileSnapshotOfPath(stream->rootPath);
+    std::size_t folderCount = folderCountOfSnapshot(baseline);
+    lock.lock();
+    stream->snapshot = std::move(baseline);
+    setRetryTriggers(*stream, error, folderCount);
+    startPoller();
+    pollerCondition_.notify_all();
 }
 
 void Engine::removeStream(const StreamPointer& stream) {
@@ -198,24 +304,40 @@ void Engine::removeStream(const StreamPointer& stream) {
     stream->pendingIndexByPath.clear();
     stream->deadline.reset();
     streams_.erase(stream->identifier);
+    flushCondition_.notify_all();
 }
 
-bool Engine::watchTree(NBFileEventStreamState& stream, const QString& folder, bool reportContents,
-                       bool isRoot) {
+int Engine::addWatch(const QByteArray& path, std::uint32_t mask) {
+    int watch = inotify_add_watch(inotifyDescriptor_, path.constData(), mask);
+    if (watch < 0)
+        return -errno;
+    // The process's own limit works like the kernel's: a new watch beyond it fails with ENOSPC. A watch the
+    // process already holds (another stream's folder) costs nothing more.
+    std::size_t limit = watchLimitCount.load();
+    if (limit && !subscribersByWatch_.contains(watch) && subscribersByWatch_.size() >= limit) {
+        inotify_rm_watch(inotifyDescriptor_, watch);
+        return -ENOSPC;
+    }
+    return watch;
+}
+
+int Engine::watchTree(NBFileEventStreamState& stream, const QString& folder, bool reportContents, bool isRoot,
+                      std::unique_lock<std::mutex>* lock, std::uint64_t generation) {
     std::vector<std::pair<QString, bool>> folders{{folder, isRoot}};
     while (!folders.empty()) {
         auto [path, root] = folders.back();
         folders.pop_back();
+        if (lock && (!stream.running || stream.generation != generation))
+            return ECANCELED;
         QByteArray encoded = QFile::encodeName(path);
-        int watch =
-            inotify_add_watch(inotifyDescriptor_, encoded.constData(), root ? kRootMask : kFolderMask);
+        int watch = addWatch(encoded, root ? kRootMask : kFolderMask);
         if (watch < 0) {
             // A folder that vanished or became a file during the walk is simply no longer there to watch, and
             // a folder we may not read could not be polled either; anything else (the watch limit, ENOSPC,
             // or a root that cannot be watched) falls back to polling.
-            if (!root && (errno == ENOENT || errno == ENOTDIR || errno == EACCES))
+            if (!root && (watch == -ENOENT || watch == -ENOTDIR || watch == -EACCES))
                 continue;
-            return false;
+            return -watch;
         }
         auto& subscribers = subscribersByWatch_[watch];
         auto existing = subscribers.find(stream.identifier);
@@ -224,14 +346,15 @@ bool Engine::watchTree(NBFileEventStreamState& stream, const QString& folder, bo
         subscribers[stream.identifier] = path;
         stream.watchByPath[path] = watch;
 
-        struct stat status {};
-        if (stat(encoded.constData(), &status) != 0 || !S_ISDIR(status.st_mode))
-            continue; // an observed file has nothing below it
-        DIR* directory = opendir(encoded.constData());
-        if (!directory)
-            continue;
+        if (lock)
+            lock->unlock();
         std::uint32_t contentFlags = 0;
-        while (dirent* entry = readdir(directory)) {
+        struct stat status {};
+        // An observed file has nothing below it.
+        DIR* directory = stat(encoded.constData(), &status) == 0 && S_ISDIR(status.st_mode)
+                             ? opendir(encoded.constData())
+                             : nullptr;
+        while (dirent* entry = directory ? readdir(directory) : nullptr) {
             if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0)
                 continue;
             QString name = QFile::decodeName(entry->d_name);
@@ -249,13 +372,16 @@ bool Engine::watchTree(NBFileEventStreamState& stream, const QString& folder, bo
             if (isDirectory)
                 folders.emplace_back(joinPath(path, name), false);
         }
-        closedir(directory);
+        if (directory)
+            closedir(directory);
+        if (lock)
+            lock->lock();
         // A folder created (or moved in) while observing may already hold entries written before its watch
         // existed; report them, since no kernel event will.
         if (reportContents && contentFlags)
             record(stream, path, contentFlags);
     }
-    return true;
+    return 0;
 }
 
 void Engine::unsubscribe(int watch, std::uint64_t streamIdentifier) {
@@ -302,21 +428,35 @@ void Engine::record(NBFileEventStreamState& stream, const QString& path, std::ui
         stream.deadline = Clock::now() + durationForSeconds(latencySeconds.load());
 }
 
-void Engine::switchToPolling(NBFileEventStreamState& stream, bool logError) {
+void Engine::switchToPolling(NBFileEventStreamState& stream, bool logError, int error) {
     if (logError)
         qCCritical(lcFileObserver).noquote()
             << nbFormat("ERROR: could not start FSEventStream for path %@", stream.rootPath);
+    // The watches go at once (the kernel may be short of them); the polling thread takes the baseline.
     unwatchAll(stream);
-    stream.snapshot = nbFileSnapshotOfPath(stream.rootPath);
+    ++stream.generation;
     stream.polling = true;
-    stream.nextPoll = Clock::now() + durationForSeconds(pollingIntervalSeconds.load());
+    stream.needsBaseline = true;
+    stream.fallbackError = error;
+    stream.retryWhenRootExists = isMissingPathError(error);
+    stream.retryBelowFolderCount = 0;
+    stream.nextPoll = Clock::now();
+    stream.nextRetry = Clock::now() + durationForSeconds(watchRetryIntervalSeconds.load());
+    startPoller();
+    pollerCondition_.notify_all();
+}
+
+void Engine::setRetryTriggers(NBFileEventStreamState& stream, int error, std::size_t folderCount) {
+    stream.fallbackError = error;
+    stream.retryWhenRootExists = isMissingPathError(error);
+    stream.retryBelowFolderCount = isResourceError(error) ? folderCount : 0;
 }
 
 void Engine::readInotifyEvents() {
     if (inotifyDescriptor_ < 0)
         return;
     alignas(inotify_event) char buffer[64 * 1024];
-    for (;;) {
+    while (!readingPaused_) {
         ssize_t length = read(inotifyDescriptor_, buffer, sizeof buffer);
         if (length <= 0)
             return; // EAGAIN: drained
@@ -354,7 +494,7 @@ void Engine::handleEvent(NBFileEventStreamState& stream, int watch, const QStrin
         unsubscribe(watch, stream.identifier);
         if (isRoot) {
             record(stream, stream.rootPath, kNBFileSystemEventFlagRootChanged);
-            switchToPolling(stream, false);
+            switchToPolling(stream, false, ENOENT);
         }
         return;
     }
@@ -367,7 +507,7 @@ void Engine::handleEvent(NBFileEventStreamState& stream, int watch, const QStrin
         // on the root, which is then polled so that its reappearance is noticed.
         if (isRoot) {
             record(stream, stream.rootPath, kNBFileSystemEventFlagRootChanged);
-            switchToPolling(stream, false);
+            switchToPolling(stream, false, ENOENT);
         }
         return;
     }
@@ -380,8 +520,8 @@ void Engine::handleEvent(NBFileEventStreamState& stream, int watch, const QStrin
     if (mask & (IN_MOVED_FROM | IN_DELETE))
         unwatchSubtree(stream, child);
     if (mask & (IN_CREATE | IN_MOVED_TO)) {
-        if (!watchTree(stream, child, true, false))
-            switchToPolling(stream, true);
+        if (int error = watchTree(stream, child, true, false))
+            switchToPolling(stream, true, error);
     }
 }
 
@@ -393,16 +533,14 @@ void Engine::handleOverflow() {
             continue;
         record(*stream, stream->rootPath,
                kNBFileSystemEventFlagMustScanSubDirectories | kNBFileSystemEventFlagKernelDropped);
-        if (!watchTree(*stream, stream->rootPath, false, true))
-            switchToPolling(*stream, true);
+        if (int error = watchTree(*stream, stream->rootPath, false, true))
+            switchToPolling(*stream, true, error);
     }
 }
 
-void Engine::applySnapshot(NBFileEventStreamState& stream, NBFileSnapshot snapshot) {
+void Engine::recordDifferences(NBFileEventStreamState& stream, const NBFileSnapshot& snapshot) {
     for (const auto& [folder, flags] : nbFileSnapshotDifferences(stream.snapshot, snapshot))
         record(stream, joinPath(stream.rootPath, folder), flags | kNBFileSystemEventFlagPolled);
-    stream.snapshot = std::move(snapshot);
-    stream.nextPoll = Clock::now() + durationForSeconds(pollingIntervalSeconds.load());
 }
 
 std::vector<PendingEvent> Engine::takeBatch(NBFileEventStreamState& stream) {
@@ -410,7 +548,6 @@ std::vector<PendingEvent> Engine::takeBatch(NBFileEventStreamState& stream) {
     batch.swap(stream.pending);
     stream.pendingIndexByPath.clear();
     stream.deadline.reset();
-    stream.flushRequested = false;
     return batch;
 }
 
@@ -425,16 +562,95 @@ void Engine::deliver(const StreamPointer& stream, const std::vector<PendingEvent
     stream->callback(stream->context, stream->identifier, events);
 }
 
+void Engine::pollStream(const StreamPointer& stream, bool onPollingThread) {
+    std::lock_guard pollLock(stream->pollMutex);
+    std::uint64_t ticket = 0;
+    {
+        std::lock_guard lock(mutex_);
+        // Only this function's caller, holding pollMutex, turns a polling stream back to watching.
+        if (!stream->running || !stream->polling)
+            return;
+        ticket = stream->flushRequested;
+    }
+    if (onPollingThread)
+        runPollHook(stream->rootPath, false);
+    NBFileSnapshot snapshot = nbFileSnapshotOfPath(stream->rootPath);
+    std::size_t folderCount = folderCountOfSnapshot(snapshot);
+    bool rootExists = snapshot.contains(QString());
+    bool retry = false;
+    {
+        std::lock_guard lock(mutex_);
+        if (!stream->running)
+            return;
+        if (stream->needsBaseline) {
+            stream->needsBaseline = false;
+            record(*stream, stream->rootPath, kNBFileSystemEventFlagMustScanSubDirectories);
+            if (isResourceError(stream->fallbackError))
+                stream->retryBelowFolderCount = folderCount;
+        } else {
+            recordDifferences(*stream, snapshot);
+        }
+        stream->snapshot = std::move(snapshot);
+        auto now = Clock::now();
+        stream->nextPoll = now + durationForSeconds(pollingIntervalSeconds.load());
+        retry = onPollingThread && !forcedPolling().load() && inotifyDescriptor_ >= 0 &&
+                (now >= stream->nextRetry || (stream->retryWhenRootExists && rootExists) ||
+                 folderCount < stream->retryBelowFolderCount);
+        if (!retry)
+            stream->flushReady = std::max(stream->flushReady, ticket);
+    }
+    if (retry)
+        resumeWatching(stream, ticket);
+    wake();
+}
+
+void Engine::resumeWatching(const StreamPointer& stream, std::uint64_t ticket) {
+    // Runs right after a poll, with pollMutex held. The watches are added first and the tree is compared
+    // with the last poll afterwards: a change made before a folder's watch existed is found by the
+    // comparison, a later one by inotify, and one that both see lands in the same pending event.
+    runPollHook(stream->rootPath, true);
+    std::unique_lock lock(mutex_);
+    if (!stream->running)
+        return;
+    std::uint64_t generation = ++stream->generation;
+    stream->polling = false;
+    int error = watchTree(*stream, stream->rootPath, false, true, &lock, generation);
+    // Stopped, or fell back again meanwhile (its new baseline reports a rescan).
+    if (!stream->running || stream->generation != generation)
+        return;
+    if (error) {
+        // Still impossible. The last poll stays the baseline, so the next poll reports whatever changed
+        // during this attempt.
+        unwatchAll(*stream);
+        ++stream->generation;
+        stream->polling = true;
+        setRetryTriggers(*stream, error, folderCountOfSnapshot(stream->snapshot));
+        stream->nextRetry = Clock::now() + durationForSeconds(watchRetryIntervalSeconds.load());
+        stream->flushReady = std::max(stream->flushReady, ticket);
+        return;
+    }
+    lock.unlock();
+    NBFileSnapshot snapshot = nbFileSnapshotOfPath(stream->rootPath);
+    lock.lock();
+    if (!stream->running || stream->generation != generation)
+        return;
+    recordDifferences(*stream, snapshot);
+    NBFileSnapshot().swap(stream->snapshot);
+    setRetryTriggers(*stream, 0, 0);
+    stream->flushReady = std::max(stream->flushReady, ticket);
+    qCDebug(lcFileObserver).noquote()
+        << nbFormat("Watching %@ again instead of polling it", stream->rootPath);
+}
+
 void Engine::flush(const StreamPointer& stream, bool wait) {
     if (wait && std::this_thread::get_id() == threadIdentifier_) {
         // Called from an observer's method on the delivery thread: waiting for the thread would wait for
         // ourselves, so do its work for this stream here.
+        pollStream(stream, false);
         std::vector<PendingEvent> batch;
         {
             std::lock_guard lock(mutex_);
             readInotifyEvents();
-            if (stream->polling && stream->running)
-                applySnapshot(*stream, nbFileSnapshotOfPath(stream->rootPath));
             batch = takeBatch(*stream);
         }
         deliver(stream, batch);
@@ -443,40 +659,43 @@ void Engine::flush(const StreamPointer& stream, bool wait) {
     std::uint64_t ticket = 0;
     {
         std::lock_guard lock(mutex_);
-        stream->flushRequested = true;
-        ticket = ++flushTicket_;
+        ticket = ++stream->flushRequested;
+        pollerCondition_.notify_all();
     }
     wake();
     if (!wait)
         return;
     std::unique_lock lock(mutex_);
-    flushCondition_.wait(lock, [&] { return completedFlushTicket_ >= ticket; });
+    flushCondition_.wait(lock, [&] { return stream->flushServed >= ticket || !stream->running; });
 }
 
 void Engine::run() {
     for (;;) {
         int timeout = -1;
+        int inotifyDescriptor = -1;
         {
             std::lock_guard lock(mutex_);
+            auto now = Clock::now();
             std::optional<Clock::time_point> nearest;
             for (const auto& [identifier, stream] : streams_) {
-                if (stream->flushRequested)
-                    nearest = Clock::now();
+                if (stream->flushReady > stream->flushServed ||
+                    (!stream->polling && stream->flushRequested > stream->flushServed))
+                    nearest = now;
                 if (stream->deadline && (!nearest || *stream->deadline < *nearest))
                     nearest = stream->deadline;
-                if (stream->polling && (!nearest || stream->nextPoll < *nearest))
-                    nearest = stream->nextPoll;
             }
             if (nearest) {
-                auto remaining =
-                    std::chrono::ceil<std::chrono::milliseconds>(*nearest - Clock::now()).count();
+                auto remaining = std::chrono::ceil<std::chrono::milliseconds>(*nearest - now).count();
                 timeout = int(std::clamp<long long>(remaining, 0, 60 * 60 * 1000));
             }
             // Without a wake-up descriptor, new streams and flushes are noticed by waking regularly.
             if (wakeDescriptor_ < 0 && (timeout < 0 || timeout > 100))
                 timeout = 100;
+            // A negative descriptor is skipped by poll(): while reading is paused, pending kernel events
+            // must not wake the thread over and over.
+            inotifyDescriptor = readingPaused_ ? -1 : inotifyDescriptor_;
         }
-        pollfd descriptors[2] = {{inotifyDescriptor_, POLLIN, 0}, {wakeDescriptor_, POLLIN, 0}};
+        pollfd descriptors[2] = {{inotifyDescriptor, POLLIN, 0}, {wakeDescriptor_, POLLIN, 0}};
         int polled = poll(descriptors, 2, timeout);
         if (polled < 0 && errno != EINTR)
             std::this_thread::sleep_for(std::chrono::milliseconds(100));
@@ -486,41 +705,65 @@ void Engine::run() {
             (void)readCount; // EAGAIN when nothing woke us
         }
 
-        std::uint64_t servingTicket = 0;
-        std::vector<StreamPointer> streamsToPoll;
+        struct Delivery {
+            StreamPointer stream;
+            std::vector<PendingEvent> batch;
+            std::uint64_t ticket = 0;
+        };
+        std::vector<Delivery> deliveries;
         {
             std::lock_guard lock(mutex_);
-            servingTicket = flushTicket_;
             readInotifyEvents();
             auto now = Clock::now();
-            for (const auto& [identifier, stream] : streams_)
-                if (stream->polling && (stream->flushRequested || now >= stream->nextPoll))
-                    streamsToPoll.push_back(stream);
-        }
-        // Snapshots can take a while on a large tree, so they are taken without holding the engine's lock.
-        for (const StreamPointer& stream : streamsToPoll) {
-            NBFileSnapshot snapshot = nbFileSnapshotOfPath(stream->rootPath);
-            std::lock_guard lock(mutex_);
-            if (stream->running && stream->polling)
-                applySnapshot(*stream, std::move(snapshot));
-        }
-
-        std::vector<std::pair<StreamPointer, std::vector<PendingEvent>>> deliveries;
-        {
-            std::lock_guard lock(mutex_);
-            auto now = Clock::now();
             for (const auto& [identifier, stream] : streams_) {
-                if (stream->flushRequested || (stream->deadline && now >= *stream->deadline))
-                    deliveries.emplace_back(stream, takeBatch(*stream));
+                // A watching stream's changes up to now have just been read; a polling stream's flush is
+                // ready once the polling thread has polled it.
+                if (!stream->polling)
+                    stream->flushReady = stream->flushRequested;
+                if (stream->flushReady > stream->flushServed ||
+                    (stream->deadline && now >= *stream->deadline))
+                    deliveries.push_back({stream, takeBatch(*stream), stream->flushReady});
             }
         }
-        for (const auto& [stream, batch] : deliveries)
-            deliver(stream, batch);
-        {
+        for (const Delivery& delivery : deliveries)
+            deliver(delivery.stream, delivery.batch);
+        if (!deliveries.empty()) {
             std::lock_guard lock(mutex_);
-            completedFlushTicket_ = servingTicket;
+            for (const Delivery& delivery : deliveries)
+                delivery.stream->flushServed = std::max(delivery.stream->flushServed, delivery.ticket);
+            flushCondition_.notify_all();
         }
-        flushCondition_.notify_all();
+    }
+}
+
+void Engine::runPoller() {
+    // Polls one stream at a time, the one due first (a requested flush or a new baseline is due at once), so
+    // that a large polled tree delays only other polled trees, never delivery.
+    std::unique_lock lock(mutex_);
+    for (;;) {
+        auto now = Clock::now();
+        StreamPointer due;
+        std::optional<Clock::time_point> nearest;
+        for (const auto& [identifier, stream] : streams_) {
+            if (!stream->polling)
+                continue;
+            Clock::time_point at =
+                stream->needsBaseline || stream->flushRequested > stream->flushReady ? now : stream->nextPoll;
+            if (!nearest || at < *nearest) {
+                nearest = at;
+                due = stream;
+            }
+        }
+        if (due && *nearest <= now) {
+            lock.unlock();
+            pollStream(due, true);
+            due.reset();
+            lock.lock();
+        } else if (nearest) {
+            pollerCondition_.wait_until(lock, *nearest);
+        } else {
+            pollerCondition_.wait(lock);
+        }
     }
 }
 
@@ -583,15 +826,40 @@ bool NBFileEventStream::forcesPolling() {
 
 void NBFileEventStream::setPollingInterval(double seconds) {
     pollingIntervalSeconds = seconds > 0.05 ? seconds : 0.05;
-    Engine::shared().wake();
+    Engine::shared().wakePoller();
 }
 
 double NBFileEventStream::pollingInterval() {
     return pollingIntervalSeconds;
 }
 
+void NBFileEventStream::setWatchRetryInterval(double seconds) {
+    watchRetryIntervalSeconds = seconds > 0.05 ? seconds : 0.05;
+}
+
+double NBFileEventStream::watchRetryInterval() {
+    return watchRetryIntervalSeconds;
+}
+
+void NBFileEventStream::setWatchLimit(std::size_t limit) {
+    watchLimitCount = limit;
+}
+
+std::size_t NBFileEventStream::watchLimit() {
+    return watchLimitCount;
+}
+
 std::size_t NBFileEventStream::watchDescriptorCount() {
     return Engine::shared().watchDescriptorCount();
+}
+
+void NBFileEventStream::setPausesReading(bool pauses) {
+    Engine::shared().setPausesReading(pauses);
+}
+
+void NBFileEventStream::setPollHook(PollHook hook) {
+    std::lock_guard lock(pollHook().mutex);
+    pollHook().hook = std::move(hook);
 }
 
 std::uint32_t nbFileSystemEventFlagsForInotifyMask(std::uint32_t mask) {

@@ -1,17 +1,36 @@
 // The event stream under every file observer: a recursive inotify watch of one path, coalesced into
 // folder-level events and delivered on one dedicated thread; or, when the path cannot be watched, a poll of
-// the path every few seconds. See NBFileObserver.h for how this stands in for the platform's folder events.
+// the path every few seconds, until watching it becomes possible again. See NBFileObserver.h for how this
+// stands in for the platform's folder events.
 //
 // All streams of the process share one inotify instance (the per-user limit on instances is small, 128 by
 // default) and one delivery thread, named "NBFileObserver". The thread waits on the inotify descriptor, an
-// eventfd that wakes it for flushes and new streams, and the nearest deadline (end of a coalescing window or
-// next poll). Watches are shared between streams that observe overlapping folders: the kernel returns one
-// watch descriptor per folder and instance, so the descriptor is removed only when the last stream using it
-// lets go.
+// eventfd that wakes it for flushes and new streams, and the nearest end of a coalescing window. Watches are
+// shared between streams that observe overlapping folders: the kernel returns one watch descriptor per
+// folder and instance, so the descriptor is removed only when the last stream using it lets go.
+//
+// Polling runs on a second thread, "NBFilePoller", started with the first polling stream, which walks one
+// polled tree at a time and records what changed; the delivery thread hands it over like any other change.
+// A snapshot of a large tree can take seconds, and the delivery thread must not wait for it: events of the
+// watching streams arrive on time however large the polled trees are. Walks that add the watches of a whole
+// tree (a new stream, a stream going back to watching) likewise let go of the engine's lock between
+// folders.
 //
 // Coalescing: the first change after a quiet period opens a window of the configured latency; when it ends,
 // every folder that changed during the window is delivered once, in the order of its first change, with the
 // union of its flags. Changes that arrive during delivery open the next window.
+//
+// Between watching and polling, nothing is lost and nothing is repeated wholesale:
+// - Watching -> polling (a watch could not be added, the root went away): the watches go at once; the
+//   polling thread takes the baseline snapshot and reports a rescan of the root
+//   (kNBFileSystemEventFlagMustScanSubDirectories), since a change between the fallback and the baseline is
+//   seen by neither side.
+// - Polling -> watching: tried right after a poll once the tree holds fewer folders than when watches ran
+//   out, once a missing root exists, and otherwise every watch retry interval (never while polling is
+//   forced). The watches are added first and the tree is then compared with that last poll: a change made
+//   before its folder's watch existed is found by the comparison, a later one by inotify, and one seen by
+//   both lands in the same pending event. Only folders that changed are reported. An attempt that fails
+//   gives its watches back at once and the stream goes on polling from its last snapshot.
 //
 // The small pure helpers at the end (flags for an inotify mask, synchronisation temporaries, snapshot
 // comparison) are the parts worth testing without a kernel.
@@ -65,8 +84,23 @@ public:
     static bool forcesPolling();
     static void setPollingInterval(double seconds);
     static double pollingInterval();
+    static void setWatchRetryInterval(double seconds);
+    static double watchRetryInterval();
+    // The most inotify watches the process's streams may hold together (0: only the kernel's limit). A watch
+    // beyond it fails as one beyond the kernel's limit does (ENOSPC), and the stream polls.
+    static void setWatchLimit(std::size_t limit);
+    static std::size_t watchLimit();
     // The number of inotify watch descriptors the process holds for its streams.
     static std::size_t watchDescriptorCount();
+
+    // Test seams. While reading is paused the delivery thread leaves the kernel's events queued (tests use
+    // it to make the queue overflow for real); once this returns, no read is under way.
+    static void setPausesReading(bool pauses);
+    // Called on the polling thread just before it walks a polled tree: with resumingWatch false before a
+    // poll, true before an attempt to watch the tree again. Tests use it to hold a poll in progress or to
+    // change the tree at a chosen moment.
+    using PollHook = std::function<void(const QString& path, bool resumingWatch)>;
+    static void setPollHook(PollHook hook);
 
 private:
     std::uint64_t identifier_ = 0;

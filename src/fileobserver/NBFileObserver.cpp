@@ -154,3 +154,19 @@ void NBFileObserver::setPollingInterval(double seconds) {
 double NBFileObserver::pollingInterval() {
     return NBFileEventStream::pollingInterval();
 }
+
+void NBFileObserver::setWatchRetryInterval(double seconds) {
+    NBFileEventStream::setWatchRetryInterval(seconds);
+}
+
+double NBFileObserver::watchRetryInterval() {
+    return NBFileEventStream::watchRetryInterval();
+}
+
+void NBFileObserver::setWatchLimit(std::size_t limit) {
+    NBFileEventStream::setWatchLimit(limit);
+}
+
+std::size_t NBFileObserver::watchLimit() {
+    return NBFileEventStream::watchLimit();
+}
