@@ -247,11 +247,15 @@ bool OAKStore::refuseOnMemoryQueue(const char* method) const {
 // MARK: - Notifications
 
 void OAKStore::postNotificationWithName(const QString& name, const QVariantMap& userInfo) {
+    enqueueNotification(PendingNotification{name, userInfo, {}});
+}
+
+void OAKStore::enqueueNotification(PendingNotification notification) {
     bool wasEmpty = false;
     {
         std::lock_guard lock(pendingNotificationsMutex_);
         wasEmpty = pendingNotifications_.empty();
-        pendingNotifications_.push_back({name, userInfo});
+        pendingNotifications_.push_back(std::move(notification));
     }
     // Notifications wait in one list that a single step on the notification queue delivers in order: a burst
     // of edits wakes the queue once, not once per edit.
@@ -259,14 +263,48 @@ void OAKStore::postNotificationWithName(const QString& name, const QVariantMap& 
         notificationQueue_->dispatchAsynchronously([this] { deliverPendingNotifications(); });
 }
 
+namespace {
+
+const QString& didChangeNotificationName() {
+    static const QString name = QString::fromUtf8(OAKStoreDidChangeNotification);
+    return name;
+}
+
+} // namespace
+
+QVariantMap OAKStore::userInfoForChanges(const std::vector<ChangedValue>& changes) {
+    QVariantMap values;
+    QVariantMap timestamps;
+    for (const ChangedValue& change : changes) {
+        values.insert(change.key, change.value);
+        timestamps.insert(change.key, qint64(change.timestamp));
+    }
+    return {{QString::fromUtf8(OAKStoreValuesKey), values},
+            {QString::fromUtf8(OAKStoreTimestampsKey), timestamps}};
+}
+
 void OAKStore::deliverPendingNotifications() {
-    std::vector<std::pair<QString, QVariantMap>> notifications;
+    std::vector<PendingNotification> notifications;
     {
         std::lock_guard lock(pendingNotificationsMutex_);
         notifications.swap(pendingNotifications_);
     }
-    for (const auto& [name, userInfo] : notifications)
-        NBNotificationCenter::defaultCenter().postNotificationName(name, this, userInfo);
+    for (const PendingNotification& notification : notifications) {
+        NBNotificationCenter::defaultCenter().postNotificationName(
+            notification.name, this,
+            notification.changes.empty() ? notification.userInfo : userInfoForChanges(notification.changes));
+    }
+}
+
+void OAKStore::postDidChangeNotificationWithChanges(std::vector<ChangedValue> changes) {
+    if (changes.empty())
+        return;
+    // Outside a transaction the user information is built on the notification queue: an edit's caller
+    // only hands the changed values over.
+    if (!inTransaction_)
+        enqueueNotification(PendingNotification{didChangeNotificationName(), {}, std::move(changes)});
+    else
+        postDidChangeNotificationWithUserInfo(userInfoForChanges(changes));
 }
 
 void OAKStore::postDidChangeNotificationWithUserInfo(const QVariantMap& userInfo) {
@@ -314,68 +352,79 @@ QVariantMap OAKStore::allRelevantValues() const {
 }
 
 void OAKStore::setPropertyListValue(const QVariant& value, const QString& key) {
-    QVariantMap values;
-    values.insert(key, value);
-    setValues(values);
+    const ValueEntry entry{&key, &value};
+    setValues(&entry, 1);
 }
 
 void OAKStore::setEntriesFromDictionary(const QVariantMap& dictionary) {
-    if (!dictionary.isEmpty())
-        setValues(dictionary);
+    std::vector<ValueEntry> entries;
+    entries.reserve(std::size_t(dictionary.size()));
+    for (auto entry = dictionary.begin(); entry != dictionary.end(); ++entry)
+        entries.push_back({&entry.key(), &entry.value()});
+    if (!entries.empty())
+        setValues(entries.data(), entries.size());
 }
 
-void OAKStore::setValues(const QVariantMap& values) {
+void OAKStore::setValues(const ValueEntry* entries, std::size_t count) {
     if (options_.readOnly) {
+        QStringList keys;
+        for (std::size_t index = 0; index < count; ++index)
+            keys << *entries[index].key;
         qCCritical(lcStore).noquote()
             << nbFormat("Cannot set values for keys %@ in the store at path '%@', which "
                         "is open read-only",
-                        values.keys().join(QStringLiteral(", ")), storePath());
+                        keys.join(QStringLiteral(", ")), storePath());
         return;
     }
     // Encoding is the costly part of an edit (a document's whole layout is one value): it happens on the
     // database queue. Here, before the memory queue is held, each value is only checked, with the same rules
     // as the encoder, so that a value that cannot be written is refused at once and announced to nobody.
+    // (A single edit, the common case, needs no list.)
     std::vector<bool> writable;
+    bool firstWritable = true;
     if (!inMemory_) {
-        writable.reserve(std::size_t(values.size()));
-        for (auto entry = values.begin(); entry != values.end(); ++entry)
-            writable.push_back(isPropertyListValue(entry.value()));
+        if (count > 1) {
+            writable.reserve(count);
+            for (std::size_t index = 0; index < count; ++index)
+                writable.push_back(isPropertyListValue(*entries[index].value));
+        } else {
+            firstWritable = isPropertyListValue(*entries[0].value);
+        }
     }
     memoryQueue_->dispatchSynchronously([&] {
         // The timestamp is taken on the memory queue, so the in-memory view and the log order edits made on
         // different threads alike: the newest value in memory is the newest row.
         const NBTimestamp timestamp = timestampNow();
-        QVariantMap changedValues;
-        QVariantMap changedTimestamps;
+        std::vector<ChangedValue> changes;
         std::vector<PendingRow> rows;
-        std::size_t index = 0;
-        for (auto entry = values.begin(); entry != values.end(); ++entry, ++index) {
-            const QString& key = entry.key();
-            if (entry.value().isValid())
-                memory_.insert(key, entry.value());
+        changes.reserve(count);
+        if (!inMemory_)
+            rows.reserve(count);
+        for (std::size_t index = 0; index < count; ++index) {
+            const QString& key = *entries[index].key;
+            const QVariant& value = *entries[index].value;
+            if (value.isValid())
+                memory_.insert(key, value);
             else
                 memory_.remove(key);
-            if (!inMemory_ && !writable[index]) {
+            if (!inMemory_ && !(count > 1 ? writable[index] : firstWritable)) {
                 // The view keeps the value on purpose: it is never rolled back, but the value never reaches
                 // the log.
-                logEncodingFailure(key, entry.value());
+                logEncodingFailure(key, value);
                 continue;
             }
             std::optional<NBTimestamp> parent;
-            if (const auto found = memoryKeyTimestamps_.constFind(key);
-                found != memoryKeyTimestamps_.constEnd())
+            if (const auto found = memoryKeyTimestamps_.find(key); found != memoryKeyTimestamps_.end()) {
                 parent = found.value();
-            memoryKeyTimestamps_.insert(key, timestamp);
-            changedValues.insert(key, entry.value());
-            changedTimestamps.insert(key, qint64(timestamp));
+                found.value() = timestamp;
+            } else {
+                memoryKeyTimestamps_.insert(key, timestamp);
+            }
+            changes.push_back(ChangedValue{key, value, timestamp});
             if (!inMemory_)
-                rows.push_back(PendingRow{timestamp, parent, key, entry.value()});
+                rows.push_back(PendingRow{timestamp, parent, key, value});
         }
-        if (!changedValues.isEmpty()) {
-            postDidChangeNotificationWithUserInfo(
-                {{QString::fromUtf8(OAKStoreValuesKey), changedValues},
-                 {QString::fromUtf8(OAKStoreTimestampsKey), changedTimestamps}});
-        }
+        postDidChangeNotificationWithChanges(std::move(changes));
         if (!rows.empty())
             enqueueRows(std::move(rows));
     });
@@ -654,6 +703,7 @@ void OAKStore::_tearDownDatabase() {
     databaseQueue_->cancelTimerWithName(QStringLiteral("sync_delay"));
     databaseQueue_->cancelTimerWithName(QStringLiteral("sync_coalesce"));
     databaseTimestamps_.clear();
+    logAnchors_.clear();
     // The in-memory view is emptied with the database: the next load must read every key again, so the key
     // bookkeeping that bounds what a sync reads goes too.
     keyTimestamps_.clear();
@@ -824,6 +874,7 @@ void OAKStore::accommodatePresentedItemDeletion() {
         databaseQueue_->cancelTimerWithName(QStringLiteral("sync_delay"));
         databaseQueue_->cancelTimerWithName(QStringLiteral("sync_coalesce"));
         databaseTimestamps_.clear();
+        logAnchors_.clear();
         keyTimestamps_.clear();
         keysSearchedBelowBound_.clear();
     });
@@ -930,6 +981,32 @@ std::optional<OAKSyncedValue> OAKStore::syncedPropertyListValueForKey(const QStr
     return synced;
 }
 
+bool OAKStore::checkLogAnchor(const QString& deviceIdentifier, OAKStoreLog& log) {
+    const auto known = databaseTimestamps_.find(deviceIdentifier);
+    if (known == databaseTimestamps_.end() || known->second == timestampForDistantPast())
+        return true; // nothing read yet: the log is read from the start anyway
+    const auto anchor = logAnchors_.find(deviceIdentifier);
+    bool replaced = anchor == logAnchors_.end() || !(anchor->second.file == log.fileIdentity());
+    if (!replaced) {
+        NBError error;
+        const std::optional<NBTimestamp> timestamp = log.timestampForRowid(anchor->second.rowid, &error);
+        if (!error.isNull()) {
+            reportOpenFailureOnce(log.path(), error);
+            return false;
+        }
+        replaced = timestamp != anchor->second.timestamp;
+    }
+    if (replaced) {
+        qCInfo(lcStore).noquote() << nbFormat(
+            "The log at path '%@' was replaced by another file; it is read again from the start", log.path());
+        databaseTimestamps_.erase(known);
+        if (anchor != logAnchors_.end())
+            logAnchors_.erase(anchor);
+        keysSearchedBelowBound_.remove(deviceIdentifier);
+    }
+    return true;
+}
+
 bool OAKStore::syncStep(bool announce) {
     if (deleted_ || inMemory_)
         return false;
@@ -968,6 +1045,7 @@ bool OAKStore::syncStep(bool announce) {
         std::vector<OAKLogRow> batch;
         std::size_t index = 0;
         std::optional<NBTimestamp> newest;
+        qint64 newestRowid = 0;
         bool failed = false;
     };
     std::vector<Source> sources;
@@ -975,6 +1053,9 @@ bool OAKStore::syncStep(bool announce) {
         Source source;
         source.deviceIdentifier = identifier;
         source.log = log;
+        // A log that could not even be checked is left out of this pass, its bookkeeping untouched.
+        if (log != readwriteDatabase_.get() && !checkLogAnchor(identifier, *log))
+            continue;
         if (const auto known = databaseTimestamps_.find(identifier);
             known != databaseTimestamps_.end() && known->second != timestampForDistantPast())
             source.cursor.lowerBound = known->second;
@@ -1014,15 +1095,17 @@ bool OAKStore::syncStep(bool announce) {
         if (!allKeys && relevant->isEmpty()) {
             // Nothing to resolve: only the log's newest timestamp is wanted.
             NBError rowError;
-            if (const std::optional<OAKLogRow> row = source.log->newestRow(&rowError))
+            if (const std::optional<OAKLogRow> row = source.log->newestRow(&rowError)) {
                 source.newest = row->timestamp;
-            else if (!rowError.isNull())
+                source.newestRowid = row->rowid;
+            } else if (!rowError.isNull())
                 source.failed = true;
             continue;
         }
         fetchBatch(source);
         if (!source.batch.empty()) {
             source.newest = source.batch.front().timestamp;
+            source.newestRowid = source.batch.front().rowid;
             heap.push(sourceIndex);
         }
     }
@@ -1162,8 +1245,12 @@ bool OAKStore::syncStep(bool announce) {
             continue;
         NBTimestamp& timestamp =
             databaseTimestamps_.try_emplace(source.deviceIdentifier, timestampForDistantPast()).first->second;
-        if (source.newest)
-            timestamp = std::max(timestamp, *source.newest);
+        if (source.newest && *source.newest > timestamp) {
+            timestamp = *source.newest;
+            if (source.log != readwriteDatabase_.get())
+                logAnchors_[source.deviceIdentifier] = {source.log->fileIdentity(), source.newestRowid,
+                                                        *source.newest};
+        }
     }
 
     bool changed = false;

@@ -37,7 +37,15 @@
 // has one writer. What protects a reader from a log that a file-synchronisation service is still copying:
 // a foreign log that is missing, half-written, locked or unreadable is left out of this sync step with its
 // error logged once, its bookkeeping untouched, and it is read again at the next sync (which its next
-// change triggers); a log replaced under its name is reopened. It is never fatal.
+// change triggers). It is never fatal.
+//
+// Replaced logs. A service may also deliver a foreign log as a whole new file in place of the old one (by a
+// rename, or by rewriting it), for instance after a merge on another machine added older rows to it. The
+// store's bound for that device (the newest timestamp read from it) then no longer says what was read: the
+// sync step notices the replacement (the file is another one, or the newest row read is no longer where it
+// was) and forgets that device's bookkeeping, so the new file is read again from the start. Values are not
+// rolled back: per key the newest timestamp still wins, so older rows the new file brings fill keys only
+// where they are newer than what the store holds, and values that only the old file held stay.
 //
 // Merging. mergeStore() merges the package of another copy of the same store into this one (see there).
 // It is the one operation that writes into foreign device folders of the destination package: it replaces
@@ -278,6 +286,9 @@ protected:
     // The sync step: reads what the logs hold beyond what was read before and applies newer values to the
     // in-memory view (announcing them when `announce`). Returns true when some value changed.
     bool syncStep(bool announce);
+    // Checks that a foreign log is still the file whose newest row the bookkeeping remembers, and forgets
+    // the device's bookkeeping when it was replaced. False when the check could not read the log.
+    bool checkLogAnchor(const QString& deviceIdentifier, OAKStoreLog& log);
     // The open logs, the local one first.
     std::vector<std::pair<QString, OAKStoreLog*>> openLogs() const;
     // Device folders present in the package, the local one included.
@@ -308,11 +319,32 @@ private:
         QVariant value; // encoded on the database queue
     };
     void enqueueRows(std::vector<PendingRow> rows);
+    // One key set by an edit, as its change notification tells it.
+    struct ChangedValue {
+        QString key;
+        QVariant value;
+        NBTimestamp timestamp;
+    };
+    // A notification waiting for the notification queue; a change notification of an edit carries its
+    // changes, from which the user information is built there.
+    struct PendingNotification {
+        QString name;
+        QVariantMap userInfo;
+        std::vector<ChangedValue> changes;
+    };
+    struct ValueEntry {
+        const QString* key;
+        const QVariant* value;
+    };
+    void enqueueNotification(PendingNotification notification);
+    static QVariantMap userInfoForChanges(const std::vector<ChangedValue>& changes);
+    // Posts (or, inside a transaction, gathers) the change notification of an edit. Memory queue.
+    void postDidChangeNotificationWithChanges(std::vector<ChangedValue> changes);
     // Logs "Error creating data from plist: ..." with the encoder's error (found again when not given).
     void logEncodingFailure(const QString& key, const QVariant& value, const NBError* error = nullptr) const;
     void deliverPendingNotifications();
     void writePendingRows();
-    void setValues(const QVariantMap& values);
+    void setValues(const ValueEntry* entries, std::size_t count);
     bool checkBlobPath(const QString& path, const char* method, const char* parameter, const char* verb,
                        NBError* outError) const;
     void reportOpenFailureOnce(const QString& path, const NBError& error);
@@ -344,6 +376,15 @@ protected:
     std::unique_ptr<OAKStoreLog> readwriteDatabase_;
     std::map<QString, std::unique_ptr<OAKStoreLog>> readonlyDatabases_;
     std::map<QString, NBTimestamp> databaseTimestamps_;
+    // Device -> the foreign log's newest row read so far (the row behind its entry in databaseTimestamps_)
+    // and the file it was read from. A log is append-only, so that row stays where it is for as long as
+    // the file is the same log; when the file or the row changed, the log was replaced as a whole.
+    struct LogAnchor {
+        OAKLogFileIdentity file;
+        qint64 rowid = 0;
+        NBTimestamp timestamp = 0;
+    };
+    std::map<QString, LogAnchor> logAnchors_;
     QHash<QString, NBTimestamp> keyTimestamps_;
     // Device -> relevant keys already looked up in full below that log's bound since it was opened.
     QHash<QString, QSet<QString>> keysSearchedBelowBound_;
@@ -359,5 +400,5 @@ private:
     std::mutex pendingRowsMutex_;
     std::vector<PendingRow> pendingRows_;
     std::mutex pendingNotificationsMutex_;
-    std::vector<std::pair<QString, QVariantMap>> pendingNotifications_;
+    std::vector<PendingNotification> pendingNotifications_;
 };

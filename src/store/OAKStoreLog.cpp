@@ -21,20 +21,6 @@ constexpr const char* kDomain = "OAKStore";
 constexpr int kWriterBusyTimeoutMilliseconds = 5000;
 constexpr int kReaderBusyTimeoutMilliseconds = 1000;
 
-struct FileIdentity {
-    dev_t device = 0;
-    ino_t inode = 0;
-    bool exists = false;
-    bool operator==(const FileIdentity&) const = default;
-};
-
-FileIdentity identityOfFile(const QString& path) {
-    struct stat info {};
-    if (::stat(QFile::encodeName(path).constData(), &info) != 0)
-        return {};
-    return {info.st_dev, info.st_ino, true};
-}
-
 NBError openError(const QString& path, const QString& detail) {
     return NBError::errorWithObject(
         kDomain, 120,
@@ -77,6 +63,13 @@ bool hasAnyTable(SQLite::Database& database) {
 
 } // namespace
 
+OAKLogFileIdentity OAKLogFileIdentity::ofFileAtPath(const QString& path) {
+    struct stat info {};
+    if (::stat(QFile::encodeName(path).constData(), &info) != 0)
+        return {};
+    return {quint64(info.st_dev), quint64(info.st_ino), true};
+}
+
 QString OAKLogRow::description() const {
     return nbFormat("{timestamp: %@, parentTimestamp: %@, key: %@, blob: %@}", QString::number(timestamp),
                     parentTimestamp ? QString::number(*parentTimestamp) : QStringLiteral("nil"),
@@ -90,7 +83,8 @@ struct OAKStoreLog::Private {
     std::unique_ptr<SQLite::Statement> newestBatch;
     std::unique_ptr<SQLite::Statement> newestBatchAfter;
     std::unique_ptr<SQLite::Statement> blobForRowid;
-    FileIdentity identity;
+    std::unique_ptr<SQLite::Statement> timestampForRowid;
+    OAKLogFileIdentity identity;
 };
 
 OAKStoreLog::OAKStoreLog() : d(std::make_unique<Private>()) {}
@@ -101,6 +95,7 @@ OAKStoreLog::~OAKStoreLog() {
     d->newestBatch.reset();
     d->newestBatchAfter.reset();
     d->blobForRowid.reset();
+    d->timestampForRowid.reset();
     if (d->database && inTransaction_) {
         // Uncommitted rows are dropped here on purpose: only save() makes rows durable, and the store always
         // saves before it closes a log.
@@ -190,16 +185,22 @@ std::unique_ptr<OAKStoreLog> OAKStoreLog::open(const QString& path, Mode mode, N
             "ORDER BY timestamp DESC, rowid DESC LIMIT ?");
         log->d->blobForRowid =
             std::make_unique<SQLite::Statement>(database, "SELECT blob FROM Log WHERE rowid = ?");
+        log->d->timestampForRowid =
+            std::make_unique<SQLite::Statement>(database, "SELECT timestamp FROM Log WHERE rowid = ?");
     } catch (const SQLite::Exception& exception) {
         nbFail(outError, openError(path, QString::fromUtf8(exception.what())));
         return nullptr;
     }
-    log->d->identity = identityOfFile(path);
+    log->d->identity = OAKLogFileIdentity::ofFileAtPath(path);
     return log;
 }
 
+const OAKLogFileIdentity& OAKStoreLog::fileIdentity() const {
+    return d->identity;
+}
+
 bool OAKStoreLog::fileWasReplaced() const {
-    return !(identityOfFile(path_) == d->identity);
+    return !(OAKLogFileIdentity::ofFileAtPath(path_) == d->identity);
 }
 
 bool OAKStoreLog::insertRow(NBTimestamp timestamp, std::optional<NBTimestamp> parentTimestamp,
@@ -214,16 +215,16 @@ bool OAKStoreLog::insertRow(NBTimestamp timestamp, std::optional<NBTimestamp> pa
             inTransaction_ = true;
         }
         SQLite::Statement& insert = *d->insert;
+        // The statement runs before `blob` and `keyText` go away, so SQLite need not copy them.
         if (blob)
-            insert.bind(1, blob->constData(), int(blob->size()));
+            insert.bindNoCopy(1, blob->constData(), int(blob->size()));
         else
             insert.bind(1);
-        if (key) {
-            const QByteArray keyBytes = key->toUtf8();
-            insert.bind(2, std::string(keyBytes.constData(), std::size_t(keyBytes.size())));
-        } else {
+        const std::string keyText = key ? key->toStdString() : std::string();
+        if (key)
+            insert.bindNoCopy(2, keyText);
+        else
             insert.bind(2);
-        }
         insert.bind(3, std::int64_t(timestamp));
         if (parentTimestamp)
             insert.bind(4, std::int64_t(*parentTimestamp));
@@ -338,6 +339,23 @@ std::optional<QByteArray> OAKStoreLog::blobForRowid(qint64 rowid, NBError* outEr
             blob = columnBlob(statement.getColumn(0));
         statement.reset();
         return blob;
+    } catch (const SQLite::Exception& exception) {
+        statement.tryReset();
+        nbFail(outError, readError(path_, exception));
+        return std::nullopt;
+    }
+}
+
+std::optional<NBTimestamp> OAKStoreLog::timestampForRowid(qint64 rowid, NBError* outError) {
+    SQLite::Statement& statement = *d->timestampForRowid;
+    try {
+        statement.reset();
+        statement.bind(1, std::int64_t(rowid));
+        std::optional<NBTimestamp> timestamp;
+        if (statement.executeStep())
+            timestamp = statement.getColumn(0).getInt64();
+        statement.reset();
+        return timestamp;
     } catch (const SQLite::Exception& exception) {
         statement.tryReset();
         nbFail(outError, readError(path_, exception));

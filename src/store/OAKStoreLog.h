@@ -46,7 +46,10 @@
 // that is missing, locked, not a database, damaged, without a well-formed Log table or of a newer version
 // is reported with an error that names its path and is left out of this read; the rows read before a
 // failure are genuine and are kept, and the log is read again in full from where its last complete read
-// stopped at the next sync. Nothing ever writes into a foreign device's folder, not even to repair it.
+// stopped at the next sync. A log replaced as a whole (another file under the same name, or the same file
+// rewritten so that its newest row read before is gone or moved) is read again from the start, since the
+// new file may hold rows older than what was read from the old one. Nothing ever writes into a foreign
+// device's folder, not even to repair it.
 #pragma once
 
 #include "foundation/NBError.h"
@@ -79,6 +82,16 @@ struct OAKLogRow {
     QString description() const;
 };
 
+// Which file a log was opened from: a file put in its place under the same name (a file-synchronisation
+// service delivering a new copy by a rename) has another identity.
+struct OAKLogFileIdentity {
+    quint64 device = 0;
+    quint64 inode = 0;
+    bool exists = false;
+    bool operator==(const OAKLogFileIdentity&) const = default;
+    static OAKLogFileIdentity ofFileAtPath(const QString& path);
+};
+
 // Where a newest-first read stopped: the next batch continues below this (timestamp, rowid).
 struct OAKLogCursor {
     std::optional<NBTimestamp> lowerBound; // rows with timestamp > lowerBound; none: every row
@@ -101,7 +114,8 @@ public:
 
     const QString& path() const { return path_; }
     bool isReadOnly() const { return mode_ == Mode::ReadOnly; }
-    // True when the file at path() is no longer the one that was opened (replaced or removed).
+    // The file that was opened, and whether the file at path() is no longer that one (replaced or removed).
+    const OAKLogFileIdentity& fileIdentity() const;
     bool fileWasReplaced() const;
 
     // Writing (ReadWrite only). Rows go into an open transaction that save() commits.
@@ -120,6 +134,8 @@ public:
     // The newest row (timestamp and rowid only), if any.
     std::optional<OAKLogRow> newestRow(NBError* outError);
     std::optional<QByteArray> blobForRowid(qint64 rowid, NBError* outError);
+    // The timestamp of the row `rowid`, if there is one (an error leaves *outError set).
+    std::optional<NBTimestamp> timestampForRowid(qint64 rowid, NBError* outError);
     // Every row with timestamp > lowerBound (none: all rows), with all columns, in ascending timestamp order.
     bool fetchAscending(std::optional<NBTimestamp> lowerBound, std::vector<OAKLogRow>& rows,
                         NBError* outError);

@@ -10,9 +10,13 @@
 #include <gtest/gtest.h>
 #include <rapidcheck/gtest.h>
 
+#include <sys/resource.h>
+
 #include <atomic>
+#include <csignal>
 #include <future>
 #include <thread>
+#include <tuple>
 
 namespace {
 
@@ -246,6 +250,78 @@ TEST(OAKStoreSync, ForeignLogDamagedWhileLoadedIsServedAroundAndPickedUpAgain) {
     reader->tearDownNow();
 }
 
+// Writes a log at `path` with the given (timestamp, key, value) rows, in that order, one commit each (so
+// that logs of different lengths carry different change counters, by which SQLite notices a file rewritten
+// under an open connection).
+void writeLog(const QString& path, const std::vector<std::tuple<NBTimestamp, QString, QString>>& rows) {
+    QDir().mkpath(QFileInfo(path).path());
+    auto log = OAKStoreLog::open(path, OAKStoreLog::Mode::ReadWrite, nullptr);
+    ASSERT_TRUE(log);
+    for (const auto& [timestamp, key, value] : rows) {
+        ASSERT_TRUE(log->insertRow(timestamp, std::nullopt, key,
+                                   dataWithPropertyList(value, NBPropertyListFormat::Binary), nullptr));
+        ASSERT_TRUE(log->save(nullptr));
+    }
+}
+
+TEST(OAKStoreSync, ReplacedForeignLogIsReadAgainFromTheStart) {
+    // A merge on another machine gave the tablet's log a row older than its newest ("a" at +20); the new
+    // file no longer holds "b". The older row must be read, the newest value per key must still win, and
+    // what only the old file held must stay.
+    enum class Replacement { RenamedWhileOpen, RenamedWhileClosed, RewrittenInPlace };
+    for (const Replacement replacement :
+         {Replacement::RenamedWhileOpen, Replacement::RenamedWhileClosed, Replacement::RewrittenInPlace}) {
+        for (const bool allKeys : {true, false}) {
+            SCOPED_TRACE(testing::Message()
+                         << "replacement " << int(replacement) << ", all keys " << allKeys);
+            NBTemporaryDirectory directory;
+            const QString package = packagePath(directory);
+            const QString log = package + QStringLiteral("/devices/tablet/logs.db");
+            const NBTimestamp start = timestampNow() - 1000000;
+            const QString a = QStringLiteral("a"), b = QStringLiteral("b");
+            writeLog(log, {{start + 10, a, QStringLiteral("a1")}, {start + 30, b, QStringLiteral("b1")}});
+            std::shared_ptr<OAKStore> reader;
+            if (allKeys) {
+                reader = AllKeysStore::open(package, QStringLiteral("reader"));
+            } else {
+                auto chosen =
+                    std::make_shared<ChosenKeysStore>(QUrl::fromLocalFile(package), QStringLiteral("reader"));
+                chosen->setRelevantKeys({a, b});
+                reader = chosen;
+            }
+            reader->loadNow();
+            ASSERT_EQ(reader->propertyListValueForKey(a).toString(), QStringLiteral("a1"));
+
+            const QString replacementLog = directory.filePath(QStringLiteral("replacement.db"));
+            writeLog(replacementLog, {{start + 5, b, QStringLiteral("b0")},
+                                      {start + 10, a, QStringLiteral("a1")},
+                                      {start + 20, a, QStringLiteral("a2")}});
+            if (replacement == Replacement::RenamedWhileClosed)
+                reader->closeDatabaseNow();
+            if (replacement == Replacement::RewrittenInPlace)
+                ASSERT_TRUE(writeFile(log, readFile(replacementLog)));
+            else
+                ASSERT_EQ(std::rename(QFile::encodeName(replacementLog).constData(),
+                                      QFile::encodeName(log).constData()),
+                          0);
+            reader->syncNow();
+            EXPECT_EQ(reader->propertyListValueForKey(a).toString(), QStringLiteral("a2"));
+            EXPECT_EQ(reader->mostRecentTimestampForKey(a), start + 20);
+            EXPECT_EQ(reader->propertyListValueForKey(b).toString(), QStringLiteral("b1"));
+            EXPECT_EQ(reader->mostRecentTimestampForKey(b), start + 30);
+
+            // Rows appended to the new file are read from its own bound, without treating it as replaced.
+            NBMessageCapture capture;
+            writeLog(log, {{start + 40, b, QStringLiteral("b2")}});
+            reader->syncNow();
+            EXPECT_EQ(reader->propertyListValueForKey(b).toString(), QStringLiteral("b2"));
+            EXPECT_EQ(reader->mostRecentTimestampForDeviceIdentifier(QStringLiteral("tablet")), start + 40);
+            EXPECT_FALSE(capture.contains(QStringLiteral("was replaced")));
+            reader->tearDownNow();
+        }
+    }
+}
+
 // MARK: - Merging
 
 std::optional<NBError> merge(const std::shared_ptr<OAKStore>& destination,
@@ -474,25 +550,43 @@ TEST(OAKStoreMerge, UnsafeDeviceDifferencesGoUnderTheCombinedIdentifier) {
     destination->tearDownNow();
 }
 
-TEST(OAKStoreMerge, FailedLogReplacementIsReportedAndTheMergeGoesOn) {
+TEST(OAKStoreMerge, FailedLogReplacementRestoresTheExistingLog) {
     NBTemporaryDirectory directory;
     const QString first = packagePath(directory, QStringLiteral("A"));
     const QString second = packagePath(directory, QStringLiteral("B"));
     write(first, QStringLiteral("local"), {{QStringLiteral("mine"), 1}});
-    write(second, QStringLiteral("tablet"), {{QStringLiteral("theirs"), 2}});
+    write(first, QStringLiteral("tablet"), {{QStringLiteral("theirs"), 1}});
+    copyFolder(first, second);
+    // The merged copy's tablet log grew by a value too large for the file-size limit set below, as a full
+    // disk would refuse it.
+    write(second, QStringLiteral("tablet"), {{QStringLiteral("large"), QByteArray(256 * 1024, 'x')}});
     write(second, QStringLiteral("phone"), {{QStringLiteral("other"), 3}});
-    // A file where the combined device's folder would go: its log cannot be written.
-    ASSERT_TRUE(writeFile(first + QStringLiteral("/devices/local|tablet"), QByteArray("in the way")));
+    const QString tabletLog = first + QStringLiteral("/devices/tablet/logs.db");
+    const QByteArray before = readFile(tabletLog);
     auto destination = AllKeysStore::open(first, QStringLiteral("local"));
     destination->loadNow();
-    const auto error =
-        merge(destination, AllKeysStore::open(second, QStringLiteral("local")), {QStringLiteral("tablet")});
+
+    struct rlimit previousLimit {};
+    ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &previousLimit), 0);
+    struct rlimit limit = previousLimit;
+    limit.rlim_cur = 128 * 1024;
+    const auto previousHandler = std::signal(SIGXFSZ, SIG_IGN);
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &limit), 0);
+    NBMessageCapture capture;
+    const auto error = merge(destination, AllKeysStore::open(second, QStringLiteral("local")));
+    ::setrlimit(RLIMIT_FSIZE, &previousLimit);
+    std::signal(SIGXFSZ, previousHandler);
+
     ASSERT_TRUE(error.has_value());
     EXPECT_EQ(error->code(), 1764);
-    EXPECT_TRUE(error->localizedDescription().startsWith(QStringLiteral("error saving moc at path: ")));
-    EXPECT_EQ(readFile(first + QStringLiteral("/devices/local|tablet")), QByteArray("in the way"));
-    // The other devices were merged all the same, and the store was reloaded.
+    EXPECT_EQ(error->localizedDescription(), QStringLiteral("error saving moc at path: ") + tabletLog);
+    EXPECT_TRUE(capture.contains(error->localizedDescription()));
+    EXPECT_EQ(readFile(tabletLog), before);
+    EXPECT_FALSE(QFileInfo::exists(tabletLog + QStringLiteral("-old")));
+    // The other devices were merged all the same, and the store was reloaded from the restored log.
     EXPECT_EQ(destination->propertyListValueForKey(QStringLiteral("other")).toLongLong(), 3);
+    EXPECT_EQ(destination->propertyListValueForKey(QStringLiteral("theirs")).toLongLong(), 1);
+    EXPECT_FALSE(destination->propertyListValueForKey(QStringLiteral("large")).isValid());
     EXPECT_TRUE(destination->loaded());
     destination->tearDownNow();
 }
