@@ -1,5 +1,6 @@
 // Tests of folder observation: registrations and counts, weakly held observers, no replayed history,
-// coalescing of bursts, recursion into new folders, the polling fallback, and the pure helpers.
+// coalescing of bursts, recursion into new folders, the polling fallback and the way back from it, a real
+// overflow of the kernel's queue, polling that does not hold up other streams, and the pure helpers.
 #include "fileobserver/NBFileSystemEventCenter.h"
 
 #include "foundation/testing/NBMessageCapture.h"
@@ -10,11 +11,16 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <functional>
 #include <mutex>
 #include <thread>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
@@ -74,6 +80,26 @@ QString describe(const std::vector<NBFileSystemEvent>& events) {
     return lines.join(QLatin1Char('\n'));
 }
 
+// Waits until the condition holds; generous timeout, loaded machines.
+bool waitUntil(const std::function<bool()>& condition, std::chrono::seconds timeout = 30s) {
+    auto end = std::chrono::steady_clock::now() + timeout;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > end)
+            return false;
+        std::this_thread::sleep_for(20ms);
+    }
+    return true;
+}
+
+// True when the event tells an observer of `folder` to look at it: an event on the folder itself, or a
+// rescan event on it or a folder above it.
+bool covers(const NBFileSystemEvent& event, const QString& folder) {
+    if (event.path() == folder)
+        return true;
+    return (event.flags() & kNBFileSystemEventFlagMustScanSubDirectories) &&
+           folder.startsWith(event.path() + QLatin1Char('/'));
+}
+
 void expectIncreasingIdentifiers(const std::vector<NBFileSystemEvent>& events) {
     for (std::size_t index = 1; index < events.size(); ++index)
         EXPECT_LT(events[index - 1].identifier(), events[index].identifier()) << qPrintable(describe(events));
@@ -88,6 +114,10 @@ protected:
         NBFileObserver::setCoalescingLatency(kNBFileObserverLatency);
         NBFileObserver::setPollingInterval(kNBFileObserverPollingInterval);
         NBFileObserver::setForcesPolling(false);
+        NBFileObserver::setWatchRetryInterval(kNBFileObserverWatchRetryInterval);
+        NBFileObserver::setWatchLimit(0);
+        NBFileEventStream::setPausesReading(false);
+        NBFileEventStream::setPollHook({});
     }
     // Long enough for any event still to come to have arrived.
     static void waitOutQuietPeriod() {
@@ -341,6 +371,7 @@ TEST_F(NBFileObserverTest, RemovedRootIsReportedAndItsReturnNoticed) {
     NBFileObserver::setPollingInterval(0.2);
     QString root = directory.filePath("library");
     QDir().mkpath(root + "/Local");
+    std::size_t watchesBefore = NBFileEventStream::watchDescriptorCount();
     auto recorder = std::make_shared<Recorder>(log);
     center.addObserver(recorder, &Recorder::fileSystemEventDidOccur, root);
 
@@ -354,15 +385,217 @@ TEST_F(NBFileObserverTest, RemovedRootIsReportedAndItsReturnNoticed) {
     // Losing the root is reported, not logged as a failure to start.
     EXPECT_FALSE(capture.contains("could not start")) << qPrintable(capture.texts().join('\n'));
 
-    // Another device's sync puts the folder back: the stream, now polling the path, notices.
+    // Another device's sync puts the folder back: the stream, now polling the path, notices, and watches it
+    // again (one watch: the new folder has no "Local").
     std::size_t received = log->all().size();
     QDir().mkpath(root);
     writeFile(root + "/Info.plist");
     EXPECT_TRUE(log->waitFor([&](const auto& events) {
-        return events.size() > received && events.back().path() == root &&
-               (events.back().flags() & kNBFileSystemEventFlagItemCreated);
+        return std::any_of(events.begin() + qsizetype(received), events.end(), [&](const auto& event) {
+            return event.path() == root && (event.flags() & kNBFileSystemEventFlagItemCreated);
+        });
     })) << qPrintable(describe(log->all()));
+    EXPECT_TRUE(waitUntil([&] { return NBFileEventStream::watchDescriptorCount() == watchesBefore + 1; }));
     expectIncreasingIdentifiers(log->all());
+}
+
+TEST_F(NBFileObserverTest, KernelQueueOverflowMakesEveryStreamRescanAndWatchNewFolders) {
+    NBMessageCapture capture;
+    int queueLimit = 16384;
+    QFile limitFile("/proc/sys/fs/inotify/max_queued_events");
+    if (limitFile.open(QIODevice::ReadOnly))
+        queueLimit = limitFile.readAll().trimmed().toInt();
+    ASSERT_GT(queueLimit, 0);
+    QString root = directory.filePath("library"), other = directory.filePath("other");
+    QDir().mkpath(root + "/a");
+    QDir().mkpath(root + "/b");
+    QDir().mkpath(other);
+    std::size_t watchesBefore = NBFileEventStream::watchDescriptorCount();
+    auto recorder = std::make_shared<Recorder>(log);
+    auto otherLog = std::make_shared<EventLog>();
+    auto otherRecorder = std::make_shared<Recorder>(otherLog);
+    center.addObserver(recorder, &Recorder::fileSystemEventDidOccur, root);
+    center.addObserver(otherRecorder, &Recorder::fileSystemEventDidOccur, other);
+
+    // With the delivery thread not reading, fill the kernel's queue past its limit. The kernel merges an
+    // event only into an identical one queued last, so alternating two kinds of change on one file makes
+    // every change take its own place.
+    NBFileEventStream::setPausesReading(true);
+    QByteArray churnPath = QFile::encodeName(root + "/a/churn.bin");
+    int descriptor = ::open(churnPath.constData(), O_CREAT | O_WRONLY | O_CLOEXEC, 0644);
+    ASSERT_GE(descriptor, 0);
+    for (int index = 0; index < queueLimit / 2 + 1000; ++index) {
+        ASSERT_EQ(::pwrite(descriptor, "x", 1, 0), 1);
+        ASSERT_EQ(::fchmod(descriptor, index % 2 ? 0644 : 0600), 0);
+    }
+    ::close(descriptor);
+    // These changes come after the overflow: the kernel drops their events, and the new folders get no
+    // watch from them.
+    QDir().mkpath(root + "/new/inner");
+    writeFile(root + "/new/inner/data.csv");
+    writeFile(root + "/b/notes.txt");
+    writeFile(other + "/manifest.db");
+    NBFileEventStream::setPausesReading(false);
+
+    // Both streams learn of every changed folder, through a rescan event at their root at the least.
+    for (const auto& [eventLog, folders] :
+         {std::pair{log, QStringList{root + "/a", root + "/b", root + "/new", root + "/new/inner"}},
+          std::pair{otherLog, QStringList{other}}}) {
+        for (const QString& folder : folders) {
+            EXPECT_TRUE(eventLog->waitFor([&](const auto& events) {
+                return std::any_of(events.begin(), events.end(),
+                                   [&](const auto& event) { return covers(event, folder); });
+            })) << qPrintable(folder)
+                << "\n"
+                << qPrintable(describe(eventLog->all()));
+        }
+        auto events = eventLog->all();
+        EXPECT_TRUE(std::any_of(events.begin(), events.end(), [](const auto& event) {
+            return event.flags() & kNBFileSystemEventFlagKernelDropped;
+        })) << qPrintable(describe(events));
+    }
+    // The streams kept watching, now with watches on the folders created while events were lost.
+    EXPECT_FALSE(capture.contains("could not start")) << qPrintable(capture.texts().join('\n'));
+    EXPECT_EQ(NBFileEventStream::watchDescriptorCount(), watchesBefore + 6);
+    writeFile(root + "/new/inner/later.csv");
+    EXPECT_TRUE(log->waitForPath(root + "/new/inner")) << qPrintable(describe(log->all()));
+    expectIncreasingIdentifiers(log->all());
+}
+
+TEST_F(NBFileObserverTest, StreamShortOfWatchesPollsUntilItCanWatchAgain) {
+    NBMessageCapture capture;
+    NBFileObserver::setPollingInterval(0.1);
+    for (bool treeShrinks : {true, false}) {
+        SCOPED_TRACE(treeShrinks ? "the tree shrinks" : "watches are freed, found at the retry interval");
+        NBFileObserver::setWatchRetryInterval(treeShrinks ? 3600 : 0.5);
+        QString root = directory.filePath(treeShrinks ? "shrinking" : "retrying");
+        QDir().mkpath(root + "/a");
+        QDir().mkpath(root + "/b");
+        std::size_t watchesBefore = NBFileEventStream::watchDescriptorCount();
+        NBFileObserver::setWatchLimit(watchesBefore + 3);
+        auto eventLog = std::make_shared<EventLog>();
+        auto target = std::make_shared<Recorder>(eventLog);
+        auto observer = NBFileObserver::fileObserverWithPath(
+            root, NBEventResponse::eventResponseWithTarget(target, &Recorder::fileSystemEventDidOccur));
+        auto stream = observer->eventStream();
+        ASSERT_FALSE(stream->isPolling());
+        auto hasEvent = [&](const QString& path, std::uint32_t flag, std::size_t from = 0) {
+            return eventLog->waitFor([&](const auto& events) {
+                return std::any_of(
+                    events.begin() + qsizetype(std::min(from, events.size())), events.end(),
+                    [&](const auto& event) { return covers(event, path) && (event.flags() & flag) == flag; });
+            });
+        };
+
+        // One folder too many: the stream says so and polls, and the folder's contents are not lost.
+        QDir().mkpath(root + "/c");
+        writeFile(root + "/c/early.txt");
+        EXPECT_TRUE(waitUntil([&] { return stream->isPolling(); }));
+        EXPECT_TRUE(capture.contains("ERROR: could not start FSEventStream for path " + root));
+        EXPECT_TRUE(hasEvent(root + "/c", 0)) << qPrintable(describe(eventLog->all()));
+        writeFile(root + "/a/polled.txt");
+        EXPECT_TRUE(hasEvent(root + "/a", kNBFileSystemEventFlagPolled))
+            << qPrintable(describe(eventLog->all()));
+
+        // Watching becomes possible again. A change made after the last poll, just before the watches
+        // exist, is reported all the same.
+        auto attempted = std::make_shared<std::atomic<long>>(-1);
+        NBFileEventStream::setPollHook([=](const QString& path, bool resumingWatch) {
+            if (!resumingWatch || path != root || *attempted >= 0)
+                return;
+            if (!treeShrinks)
+                NBFileObserver::setWatchLimit(0);
+            *attempted = long(eventLog->all().size());
+            QFile raced(root + "/b/raced.txt");
+            if (raced.open(QIODevice::WriteOnly))
+                raced.write("raced");
+        });
+        if (treeShrinks) {
+            ASSERT_TRUE(QDir(root + "/c").removeRecursively());
+        }
+        EXPECT_TRUE(waitUntil([&] { return *attempted >= 0 && !stream->isPolling(); }));
+        EXPECT_TRUE(hasEvent(root + "/b", 0, std::size_t(std::max(0L, attempted->load()))))
+            << qPrintable(describe(eventLog->all()));
+
+        // No flood on the way back: only folders that changed, each once.
+        waitOutQuietPeriod();
+        auto events = eventLog->all();
+        QStringList paths;
+        for (std::size_t index = std::size_t(std::max(0L, attempted->load())); index < events.size(); ++index)
+            paths << events[index].path();
+        EXPECT_EQ(paths.count(root + "/b"), 1) << qPrintable(describe(events));
+        EXPECT_FALSE(paths.contains(root + "/a")) << qPrintable(describe(events));
+        EXPECT_EQ(paths.removeDuplicates(), 0) << qPrintable(describe(events));
+
+        // Watching for real: changes come from inotify, also in the folder that had no watch.
+        EXPECT_EQ(NBFileEventStream::watchDescriptorCount(), watchesBefore + (treeShrinks ? 3 : 4));
+        QString folder = root + (treeShrinks ? "/a" : "/c");
+        std::size_t received = eventLog->all().size();
+        writeFile(folder + "/watched.txt");
+        EXPECT_TRUE(eventLog->waitFor([&](const auto& all) {
+            return std::any_of(all.begin() + qsizetype(received), all.end(), [&](const auto& event) {
+                return event.path() == folder && !(event.flags() & kNBFileSystemEventFlagPolled);
+            });
+        })) << qPrintable(describe(eventLog->all()));
+        expectIncreasingIdentifiers(eventLog->all());
+        NBFileEventStream::setPollHook({});
+        NBFileObserver::setWatchLimit(0);
+    }
+}
+
+TEST_F(NBFileObserverTest, PollingALargeTreeDoesNotHoldUpOtherStreams) {
+    NBMessageCapture capture;
+    QString polled = directory.filePath("polled"), watched = directory.filePath("watched");
+    for (int folder = 0; folder < 50; ++folder) {
+        QString path = polled + QStringLiteral("/folder-%1").arg(folder);
+        QDir().mkpath(path);
+        for (int file = 0; file < 20; ++file)
+            writeFile(path + QStringLiteral("/file-%1.txt").arg(file));
+    }
+    QDir().mkpath(watched);
+    auto polledLog = std::make_shared<EventLog>();
+    auto polledRecorder = std::make_shared<Recorder>(polledLog);
+    auto recorder = std::make_shared<Recorder>(log);
+    NBFileObserver::setForcesPolling(true);
+    center.addObserver(polledRecorder, &Recorder::fileSystemEventDidOccur, polled);
+    NBFileObserver::setForcesPolling(false);
+    center.addObserver(recorder, &Recorder::fileSystemEventDidOccur, watched);
+
+    // Hold a poll of the large tree in progress, however long this machine would take to walk it.
+    struct Hold {
+        std::mutex mutex;
+        std::condition_variable changed;
+        bool entered = false, released = false;
+    };
+    auto hold = std::make_shared<Hold>();
+    NBFileEventStream::setPollHook([=](const QString& path, bool) {
+        if (path != polled)
+            return;
+        std::unique_lock lock(hold->mutex);
+        hold->entered = true;
+        hold->changed.notify_all();
+        hold->changed.wait_for(lock, 120s, [&] { return hold->released; });
+    });
+    NBFileObserver::setPollingInterval(0.05);
+    bool entered = false;
+    {
+        std::unique_lock lock(hold->mutex);
+        entered = hold->changed.wait_for(lock, 30s, [&] { return hold->entered; });
+    }
+    EXPECT_TRUE(entered);
+
+    // Meanwhile another stream's change arrives.
+    writeFile(watched + "/manifest.db");
+    EXPECT_TRUE(log->waitForPath(watched)) << qPrintable(describe(log->all()));
+    {
+        std::lock_guard lock(hold->mutex);
+        hold->released = true;
+        hold->changed.notify_all();
+    }
+    NBFileEventStream::setPollHook({});
+    // And the polled tree is still polled.
+    writeFile(polled + "/folder-7/new.txt");
+    EXPECT_TRUE(polledLog->waitForPath(polled + "/folder-7")) << qPrintable(describe(polledLog->all()));
 }
 
 TEST(NBFileObserverHelpers, EventsStandardizeTheirPathAndDescribeThemselves) {
