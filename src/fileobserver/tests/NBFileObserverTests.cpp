@@ -36,19 +36,24 @@ struct EventLog {
         std::lock_guard lock(mutex);
         return events;
     }
-    // Waits until the predicate holds for the events received so far; generous timeouts, loaded machines.
-    bool waitFor(const std::function<bool(const std::vector<NBFileSystemEvent>&)>& predicate,
-                 std::chrono::seconds timeout = 30s) {
-        std::unique_lock lock(mutex);
-        return changed.wait_for(lock, timeout, [&] { return predicate(events); });
+    std::size_t size() {
+        std::lock_guard lock(mutex);
+        return events.size();
     }
-    bool waitForPath(const QString& path, std::chrono::seconds timeout = 30s) {
-        return waitFor(
-            [&](const auto& received) {
-                return std::any_of(received.begin(), received.end(),
-                                   [&](const auto& e) { return e.path() == path; });
-            },
-            timeout);
+    // Waits for a matching event among those received from index `from` on; generous timeout, loaded
+    // machines.
+    bool waitForEvent(const std::function<bool(const NBFileSystemEvent&)>& matches, std::size_t from = 0) {
+        std::unique_lock lock(mutex);
+        return changed.wait_for(lock, 30s, [&] {
+            return std::any_of(events.begin() + qsizetype(std::min(from, events.size())), events.end(),
+                               matches);
+        });
+    }
+    // ... an event on `path` carrying every one of `flags`.
+    bool waitForPath(const QString& path, std::uint32_t flags = 0, std::size_t from = 0) {
+        return waitForEvent(
+            [&](const auto& event) { return event.path() == path && (event.flags() & flags) == flags; },
+            from);
     }
 };
 
@@ -311,11 +316,9 @@ TEST_F(NBFileObserverTest, FilesInNewSubfoldersAreSeen) {
         // Let the window that reported the folder close first, so only a watch on it can report the next
         // file.
         waitOutQuietPeriod();
-        std::size_t received = log->all().size();
+        std::size_t received = log->size();
         writeFile(folder + "/later.csv");
-        EXPECT_TRUE(log->waitFor([&](const auto& events) {
-            return events.size() > received && events.back().path() == folder;
-        })) << qPrintable(describe(log->all()));
+        EXPECT_TRUE(log->waitForPath(folder, 0, received)) << qPrintable(describe(log->all()));
     }
     expectIncreasingIdentifiers(log->all());
 }
@@ -356,12 +359,8 @@ TEST_F(NBFileObserverTest, ForcedPollingFallbackStillNoticesChanges) {
     for (const Step& step : steps) {
         SCOPED_TRACE(step.name);
         step.change();
-        EXPECT_TRUE(log->waitFor([&](const auto& events) {
-            return std::any_of(events.begin(), events.end(), [&](const NBFileSystemEvent& event) {
-                return event.path() == step.folder && (event.flags() & step.flag) &&
-                       (event.flags() & kNBFileSystemEventFlagPolled);
-            });
-        })) << qPrintable(describe(log->all()));
+        EXPECT_TRUE(log->waitForPath(step.folder, step.flag | kNBFileSystemEventFlagPolled))
+            << qPrintable(describe(log->all()));
     }
     expectIncreasingIdentifiers(log->all());
 }
@@ -376,25 +375,18 @@ TEST_F(NBFileObserverTest, RemovedRootIsReportedAndItsReturnNoticed) {
     center.addObserver(recorder, &Recorder::fileSystemEventDidOccur, root);
 
     ASSERT_TRUE(QDir(root).removeRecursively());
-    auto rootChanged = [&](const NBFileSystemEvent& event) {
-        return event.path() == root && (event.flags() & kNBFileSystemEventFlagRootChanged);
-    };
-    ASSERT_TRUE(log->waitFor([&](const auto& events) {
-        return std::any_of(events.begin(), events.end(), rootChanged);
-    })) << qPrintable(describe(log->all()));
+    ASSERT_TRUE(log->waitForPath(root, kNBFileSystemEventFlagRootChanged))
+        << qPrintable(describe(log->all()));
     // Losing the root is reported, not logged as a failure to start.
     EXPECT_FALSE(capture.contains("could not start")) << qPrintable(capture.texts().join('\n'));
 
     // Another device's sync puts the folder back: the stream, now polling the path, notices, and watches it
     // again (one watch: the new folder has no "Local").
-    std::size_t received = log->all().size();
+    std::size_t received = log->size();
     QDir().mkpath(root);
     writeFile(root + "/Info.plist");
-    EXPECT_TRUE(log->waitFor([&](const auto& events) {
-        return std::any_of(events.begin() + qsizetype(received), events.end(), [&](const auto& event) {
-            return event.path() == root && (event.flags() & kNBFileSystemEventFlagItemCreated);
-        });
-    })) << qPrintable(describe(log->all()));
+    EXPECT_TRUE(log->waitForPath(root, kNBFileSystemEventFlagItemCreated, received))
+        << qPrintable(describe(log->all()));
     EXPECT_TRUE(waitUntil([&] { return NBFileEventStream::watchDescriptorCount() == watchesBefore + 1; }));
     expectIncreasingIdentifiers(log->all());
 }
@@ -406,6 +398,8 @@ TEST_F(NBFileObserverTest, KernelQueueOverflowMakesEveryStreamRescanAndWatchNewF
     if (limitFile.open(QIODevice::ReadOnly))
         queueLimit = limitFile.readAll().trimmed().toInt();
     ASSERT_GT(queueLimit, 0);
+    if (queueLimit > (1 << 22))
+        GTEST_SKIP() << "the kernel's queue holds " << queueLimit << " events, too many to fill here";
     QString root = directory.filePath("library"), other = directory.filePath("other");
     QDir().mkpath(root + "/a");
     QDir().mkpath(root + "/b");
@@ -442,17 +436,12 @@ TEST_F(NBFileObserverTest, KernelQueueOverflowMakesEveryStreamRescanAndWatchNewF
          {std::pair{log, QStringList{root + "/a", root + "/b", root + "/new", root + "/new/inner"}},
           std::pair{otherLog, QStringList{other}}}) {
         for (const QString& folder : folders) {
-            EXPECT_TRUE(eventLog->waitFor([&](const auto& events) {
-                return std::any_of(events.begin(), events.end(),
-                                   [&](const auto& event) { return covers(event, folder); });
-            })) << qPrintable(folder)
-                << "\n"
-                << qPrintable(describe(eventLog->all()));
+            EXPECT_TRUE(eventLog->waitForEvent([&](const auto& event) { return covers(event, folder); }))
+                << qPrintable(folder + "\n" + describe(eventLog->all()));
         }
-        auto events = eventLog->all();
-        EXPECT_TRUE(std::any_of(events.begin(), events.end(), [](const auto& event) {
+        EXPECT_TRUE(eventLog->waitForEvent([](const auto& event) {
             return event.flags() & kNBFileSystemEventFlagKernelDropped;
-        })) << qPrintable(describe(events));
+        })) << qPrintable(describe(eventLog->all()));
     }
     // The streams kept watching, now with watches on the folders created while events were lost.
     EXPECT_FALSE(capture.contains("could not start")) << qPrintable(capture.texts().join('\n'));
@@ -479,22 +468,16 @@ TEST_F(NBFileObserverTest, StreamShortOfWatchesPollsUntilItCanWatchAgain) {
             root, NBEventResponse::eventResponseWithTarget(target, &Recorder::fileSystemEventDidOccur));
         auto stream = observer->eventStream();
         ASSERT_FALSE(stream->isPolling());
-        auto hasEvent = [&](const QString& path, std::uint32_t flag, std::size_t from = 0) {
-            return eventLog->waitFor([&](const auto& events) {
-                return std::any_of(
-                    events.begin() + qsizetype(std::min(from, events.size())), events.end(),
-                    [&](const auto& event) { return covers(event, path) && (event.flags() & flag) == flag; });
-            });
-        };
 
         // One folder too many: the stream says so and polls, and the folder's contents are not lost.
         QDir().mkpath(root + "/c");
         writeFile(root + "/c/early.txt");
         EXPECT_TRUE(waitUntil([&] { return stream->isPolling(); }));
         EXPECT_TRUE(capture.contains("ERROR: could not start FSEventStream for path " + root));
-        EXPECT_TRUE(hasEvent(root + "/c", 0)) << qPrintable(describe(eventLog->all()));
+        EXPECT_TRUE(eventLog->waitForEvent([&](const auto& event) { return covers(event, root + "/c"); }))
+            << qPrintable(describe(eventLog->all()));
         writeFile(root + "/a/polled.txt");
-        EXPECT_TRUE(hasEvent(root + "/a", kNBFileSystemEventFlagPolled))
+        EXPECT_TRUE(eventLog->waitForPath(root + "/a", kNBFileSystemEventFlagPolled))
             << qPrintable(describe(eventLog->all()));
 
         // Watching becomes possible again. A change made after the last poll, just before the watches
@@ -505,7 +488,7 @@ TEST_F(NBFileObserverTest, StreamShortOfWatchesPollsUntilItCanWatchAgain) {
                 return;
             if (!treeShrinks)
                 NBFileObserver::setWatchLimit(0);
-            *attempted = long(eventLog->all().size());
+            *attempted = long(eventLog->size());
             QFile raced(root + "/b/raced.txt");
             if (raced.open(QIODevice::WriteOnly))
                 raced.write("raced");
@@ -514,14 +497,15 @@ TEST_F(NBFileObserverTest, StreamShortOfWatchesPollsUntilItCanWatchAgain) {
             ASSERT_TRUE(QDir(root + "/c").removeRecursively());
         }
         EXPECT_TRUE(waitUntil([&] { return *attempted >= 0 && !stream->isPolling(); }));
-        EXPECT_TRUE(hasEvent(root + "/b", 0, std::size_t(std::max(0L, attempted->load()))))
+        std::size_t fromAttempt = std::size_t(std::max(0L, attempted->load()));
+        EXPECT_TRUE(eventLog->waitForPath(root + "/b", 0, fromAttempt))
             << qPrintable(describe(eventLog->all()));
 
         // No flood on the way back: only folders that changed, each once.
         waitOutQuietPeriod();
         auto events = eventLog->all();
         QStringList paths;
-        for (std::size_t index = std::size_t(std::max(0L, attempted->load())); index < events.size(); ++index)
+        for (std::size_t index = fromAttempt; index < events.size(); ++index)
             paths << events[index].path();
         EXPECT_EQ(paths.count(root + "/b"), 1) << qPrintable(describe(events));
         EXPECT_FALSE(paths.contains(root + "/a")) << qPrintable(describe(events));
@@ -530,13 +514,14 @@ TEST_F(NBFileObserverTest, StreamShortOfWatchesPollsUntilItCanWatchAgain) {
         // Watching for real: changes come from inotify, also in the folder that had no watch.
         EXPECT_EQ(NBFileEventStream::watchDescriptorCount(), watchesBefore + (treeShrinks ? 3 : 4));
         QString folder = root + (treeShrinks ? "/a" : "/c");
-        std::size_t received = eventLog->all().size();
+        std::size_t received = eventLog->size();
         writeFile(folder + "/watched.txt");
-        EXPECT_TRUE(eventLog->waitFor([&](const auto& all) {
-            return std::any_of(all.begin() + qsizetype(received), all.end(), [&](const auto& event) {
+        EXPECT_TRUE(eventLog->waitForEvent(
+            [&](const auto& event) {
                 return event.path() == folder && !(event.flags() & kNBFileSystemEventFlagPolled);
-            });
-        })) << qPrintable(describe(eventLog->all()));
+            },
+            received))
+            << qPrintable(describe(eventLog->all()));
         expectIncreasingIdentifiers(eventLog->all());
         NBFileEventStream::setPollHook({});
         NBFileObserver::setWatchLimit(0);
