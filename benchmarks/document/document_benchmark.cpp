@@ -6,8 +6,11 @@
 //   against a QVariantMap insert plus a QStringList prepend of the same data, and against encoding the
 //   10,000-entry layout as a binary property list, which the store does on the caller's thread for every
 //   edit that changes the order;
-// - documentChangeSinceTimestamp over the last 100 edits, against a raw SQLite read of those rows.
-// Targets: open under 100 ms, one edit under 1 ms of the caller's time.
+// - documentChangeSinceTimestamp over the last 100 edits, against a raw SQLite read of those rows;
+// - another device's sync step after one edit (a paragraph's text, or an insertion that logs a new layout)
+//   in a document whose layout was already rewritten 100 times, against a raw SQLite read of the new rows.
+// Targets: open under 100 ms, one edit under 1 ms of the caller's time, a sync step after a text edit
+// within a few times the raw read of its rows.
 #include "document/NBExperiment.h"
 #include "foundation/NBPropertyList.h"
 
@@ -220,5 +223,66 @@ void BM_DocumentChangeOfLast100Edits(benchmark::State& state) {
     document->tearDownNow();
 }
 BENCHMARK(BM_DocumentChangeOfLast100Edits)->Unit(benchmark::kMillisecond)->Iterations(50)->UseRealTime();
+
+// A reader device's sync step after the writer device saved one edit, in a document of 10,000 paragraphs
+// whose layout was already rewritten by 100 earlier insertions (every insertion logs the whole layout).
+// Two kinds of edit: a paragraph's text (the layout is unchanged) and an insertion (a new layout). The
+// floor is a raw SQLite read of the rows the writer added since the previous sync.
+void syncAfterForeignEdit(benchmark::State& state, bool changeLayout) {
+    ensureApplication();
+    QTemporaryDir directory;
+    auto writer = NBExperiment::newExperimentInFolder(directory.path(), QStringLiteral("writer"),
+                                                      QStringLiteral("Sync"));
+    writer->insertParagraphs(sampleParagraphs(kParagraphCount), QString());
+    for (int index = 0; index < 100; ++index)
+        writer->insertParagraph(
+            NBParagraph::normalParagraphWithContent(QStringLiteral("Earlier %1").arg(index)),
+            writer->layout().at(index * 50));
+    writer->saveNow();
+    auto reader = std::dynamic_pointer_cast<NBExperiment>(
+        NBDocument::openDocumentAtPath(writer->storePath(), QStringLiteral("reader")));
+    const QString log = writer->databasePathForDeviceIdentifier(QStringLiteral("writer"));
+    QList<NBParagraph> paragraphs = writer->paragraphs();
+    double syncSeconds = 0, rawSeconds = 0;
+    int index = 0;
+    for (auto _ : state) {
+        const NBTimestamp since = timestampNow();
+        if (changeLayout) {
+            writer->insertParagraph(
+                NBParagraph::normalParagraphWithContent(QStringLiteral("Inserted %1").arg(index)),
+                paragraphs.at(index * 37 % paragraphs.size()).uuid());
+        } else {
+            NBParagraph& paragraph = paragraphs[index * 37 % paragraphs.size()];
+            paragraph.setContent(paragraph.content() + QStringLiteral(" (edited)"));
+            writer->modifyParagraph(paragraph);
+        }
+        ++index;
+        writer->saveNow();
+        auto start = Clock::now();
+        reader->syncNow();
+        syncSeconds += secondsSince(start);
+        start = Clock::now();
+        benchmark::DoNotOptimize(rawRead(log, since));
+        rawSeconds += secondsSince(start);
+    }
+    if (reader->layout() != writer->layout())
+        state.SkipWithError("the reader's layout differs from the writer's");
+    const double iterations = double(state.iterations());
+    state.counters["sync_ms"] = syncSeconds / iterations * 1000;
+    state.counters["raw_sqlite_ms"] = rawSeconds / iterations * 1000;
+    state.counters["ratio"] = syncSeconds / rawSeconds;
+    reader->tearDownNow();
+    writer->tearDownNow();
+}
+
+void BM_SyncAfterForeignTextEdit(benchmark::State& state) {
+    syncAfterForeignEdit(state, false);
+}
+BENCHMARK(BM_SyncAfterForeignTextEdit)->Unit(benchmark::kMillisecond)->Iterations(30)->UseRealTime();
+
+void BM_SyncAfterForeignInsertion(benchmark::State& state) {
+    syncAfterForeignEdit(state, true);
+}
+BENCHMARK(BM_SyncAfterForeignInsertion)->Unit(benchmark::kMillisecond)->Iterations(30)->UseRealTime();
 
 } // namespace

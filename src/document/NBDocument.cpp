@@ -688,39 +688,141 @@ bool NBDocument::ensureTemporaryDirectory(NBError* outError) const {
 
 // MARK: - Sync
 
-std::optional<QStringList> NBDocument::syncedLayout() const {
-    std::optional<OAKLogRow> newest;
-    QString newestPath;
-    for (const auto& [identifier, log] : openLogs()) {
-        std::optional<OAKLogRow> row;
-        NBError error;
-        if (!log->fetchNewestRowForKey(layoutKey(), std::nullopt, row, &error) || !row || !row->blob)
+namespace {
+
+bool isAfter(const OAKLogRow& row, const std::pair<NBTimestamp, qint64>& anchor) {
+    return std::make_pair(row.timestamp, row.rowid) > anchor;
+}
+
+} // namespace
+
+bool NBDocument::logLayoutStillHolds(const LogLayout& entry, OAKStoreLog& log) const {
+    if (!(entry.file == log.fileIdentity()))
+        return false;
+    // A log rewritten in place under the same name no longer holds its rows where they were.
+    for (const auto& row : {entry.anchor, entry.row}) {
+        if (!row)
             continue;
-        if (!newest || row->timestamp > newest->timestamp) {
-            newest = std::move(row);
-            newestPath = log->path();
-        }
+        NBError error;
+        if (log.timestampForRowid(row->second, &error) != row->first)
+            return false;
     }
-    if (!newest)
-        return std::nullopt;
+    return true;
+}
+
+void NBDocument::takeLayoutRow(LogLayout& entry, const OAKLogRow& row) const {
+    entry.row.reset();
+    entry.layout.reset();
+    entry.generation = ++logLayoutGenerations_;
+    // A row without a value gives this log no layout, as if it held none.
+    if (!row.blob)
+        return;
+    entry.row = std::make_pair(row.timestamp, row.rowid);
     NBError error;
-    const std::optional<QVariant> value = propertyListWithData(*newest->blob, &error);
+    const std::optional<QVariant> value = propertyListWithData(*row.blob, &error);
     // A layout with an item that is not a string (damaged, or written by another tool) still lists the
     // paragraphs of its string items, as layout() reads it; only a value that is no array gives nothing.
-    if (!value || (value->metaType().id() != QMetaType::QVariantList &&
-                   value->metaType().id() != QMetaType::QStringList))
-        return std::nullopt;
-    return stringListFromVariant(*value);
+    if (value && (value->metaType().id() == QMetaType::QVariantList ||
+                  value->metaType().id() == QMetaType::QStringList))
+        entry.layout = stringListFromVariant(*value);
+}
+
+bool NBDocument::refreshLogLayout(const QString& deviceIdentifier, OAKStoreLog& log) const {
+    auto found = logLayouts_.find(deviceIdentifier);
+    if (found != logLayouts_.end() && !logLayoutStillHolds(found->second, log)) {
+        logLayouts_.erase(found);
+        found = logLayouts_.end();
+    }
+    NBError error;
+    if (found == logLayouts_.end()) {
+        // First read of this log: its newest row first, so that a row added meanwhile is read next time.
+        LogLayout entry;
+        entry.file = log.fileIdentity();
+        const std::optional<OAKLogRow> newest = log.newestRow(&error);
+        if (!error.isNull())
+            return false;
+        if (newest)
+            entry.anchor = std::make_pair(newest->timestamp, newest->rowid);
+        std::optional<OAKLogRow> row;
+        if (!log.fetchNewestRowForKey(layoutKey(), std::nullopt, row, &error))
+            return false;
+        if (row)
+            takeLayoutRow(entry, *row);
+        logLayouts_.insert_or_assign(deviceIdentifier, std::move(entry));
+        return true;
+    }
+    // Later reads: only the rows after the anchor, newest first, up to the first "layout" row. Rows of one
+    // edit share a timestamp, so the bound is one below the anchor's and the anchor's own row is skipped
+    // by its rowid.
+    LogLayout& entry = found->second;
+    OAKLogCursor cursor;
+    if (entry.anchor && entry.anchor->first != timestampForDistantPast())
+        cursor.lowerBound = entry.anchor->first - 1;
+    bool blobTaken = false;
+    const auto wantsBlob = [&](const QString& key) {
+        if (blobTaken || key != layoutKey())
+            return false;
+        blobTaken = true;
+        return true;
+    };
+    std::optional<std::pair<NBTimestamp, qint64>> newest;
+    std::vector<OAKLogRow> rows;
+    while (!cursor.finished) {
+        if (!log.fetchNewestBatch(cursor, kOAKLogFetchBatchSize, rows, &error, wantsBlob)) {
+            logLayouts_.erase(found);
+            return false;
+        }
+        for (const OAKLogRow& row : rows) {
+            if (entry.anchor && !isAfter(row, *entry.anchor)) {
+                cursor.finished = true;
+                break;
+            }
+            if (!newest)
+                newest = std::make_pair(row.timestamp, row.rowid);
+            if (row.key == layoutKey()) {
+                takeLayoutRow(entry, row);
+                cursor.finished = true;
+                break;
+            }
+        }
+    }
+    if (newest)
+        entry.anchor = newest;
+    return true;
+}
+
+const NBDocument::LogLayout* NBDocument::newestLogLayout() const {
+    const LogLayout* newest = nullptr;
+    QSet<QString> open;
+    for (const auto& [identifier, log] : openLogs()) {
+        open.insert(identifier);
+        if (!refreshLogLayout(identifier, *log))
+            continue;
+        const LogLayout& entry = logLayouts_.at(identifier);
+        // The first log listed wins a tie, the local one first.
+        if (entry.row && (!newest || entry.row->first > newest->row->first))
+            newest = &entry;
+    }
+    // A device folder that went away takes its entry along.
+    std::erase_if(logLayouts_, [&](const auto& entry) { return !open.contains(entry.first); });
+    return newest;
 }
 
 std::optional<QSet<QString>> NBDocument::relevantKeysForSync() const {
-    std::optional<QStringList> layout = syncedLayout();
+    const LogLayout* newest = newestLogLayout();
+    if (newest && newest->layout && newest->generation == relevantKeysGeneration_)
+        return relevantKeys_;
+    std::optional<QStringList> layout = newest ? newest->layout : std::nullopt;
+    const bool fromLogs = layout.has_value();
     if (!layout)
         memoryQueue_->dispatchSynchronously([&] { layout = layoutFromMemory(); });
     QSet<QString> keys(layout->begin(), layout->end());
     keys.insert(layoutKey());
     for (const QString& key : validMetadataKeys())
         keys.insert(key);
+    // Kept for the next step while the newest layout stays the same row; one from memory is not kept.
+    relevantKeysGeneration_ = fromLogs ? newest->generation : 0;
+    relevantKeys_ = fromLogs ? keys : QSet<QString>();
     return keys;
 }
 

@@ -45,6 +45,7 @@
 #include <QStringList>
 #include <QVariantMap>
 
+#include <map>
 #include <memory>
 #include <optional>
 #include <vector>
@@ -252,12 +253,37 @@ private:
     // Builds the change of a set of key-values (keys of one timestamp or of a merged range).
     NBDocumentChange documentChangeWithValues(NBTimestamp timestamp, const QVariantMap& values,
                                               const QString& documentUUID) const;
-    // The newest "layout" in the logs (database queue).
-    std::optional<QStringList> syncedLayout() const;
+    // What the sync step last learned of one log's "layout" rows (database queue). A log only grows, by rows
+    // newer than those it holds, so a later step reads only the rows after `anchor` (the newest row read
+    // from it) to learn whether a newer "layout" arrived, and decodes only that one. The entry is trusted
+    // while the log is the same file and its anchor and layout rows are still where they were; a log
+    // replaced as a whole (a file-synchronisation service delivering a merged copy, say) is read again in
+    // full, as on the first step.
+    struct LogLayout {
+        OAKLogFileIdentity file;
+        std::optional<std::pair<NBTimestamp, qint64>> anchor; // timestamp and rowid; none: the log was empty
+        std::optional<std::pair<NBTimestamp, qint64>> row;    // the newest "layout" row with a value
+        std::optional<QStringList> layout;                    // its value; none: not an array
+        quint64 generation = 0;                               // changes whenever `row` does
+    };
+    // Brings the entry of one log up to date; false when the log could not be read (it is then left out).
+    bool refreshLogLayout(const QString& deviceIdentifier, OAKStoreLog& log) const;
+    bool logLayoutStillHolds(const LogLayout& entry, OAKStoreLog& log) const;
+    void takeLayoutRow(LogLayout& entry, const OAKLogRow& row) const;
+    // The entry of the log whose newest "layout" row is the newest in the logs, or none. Its `layout` is
+    // what the sync step keeps paragraphs for; when it has none (no log holds a layout, or the newest is not
+    // an array) the in-memory layout is used.
+    const LogLayout* newestLogLayout() const;
     void appendParagraphToDayInTransaction(const NBParagraph& paragraph, const NBDay& day);
     bool ensureTemporaryDirectory(NBError* outError) const;
     // The blob path of an attachment operation's paragraph, or the nil-paragraph or no-path failure.
     std::optional<QString> attachmentBlobPath(const NBParagraph& paragraph, NBError* outError) const;
 
     mutable QString temporaryDirectoryPath_;
+    // Database queue: the logs' layouts by device, and the relevant keys made from the layout of the entry
+    // of generation `relevantKeysGeneration_` (0: none).
+    mutable std::map<QString, LogLayout> logLayouts_;
+    mutable quint64 logLayoutGenerations_ = 0;
+    mutable quint64 relevantKeysGeneration_ = 0;
+    mutable QSet<QString> relevantKeys_;
 };

@@ -3,14 +3,18 @@
 #include "NBDocumentTestSupport.h"
 
 #include "document/NBProtocol.h"
+#include "foundation/NBPropertyList.h"
 #include "foundation/testing/NBMessageCapture.h"
 #include "foundation/testing/NBTemporaryDirectory.h"
 
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QThread>
 #include <gtest/gtest.h>
 #include <rapidcheck/gtest.h>
+
+#include <cstdio>
 
 namespace {
 
@@ -428,6 +432,65 @@ TEST(NBDocument, TwoDevicesEditDifferentParagraphsAtOnce) {
     EXPECT_TRUE(sawLayout);
     first->tearDownNow();
     second->tearDownNow();
+}
+
+// The sync step reads only what another device added since the previous step: a text edit, then a paragraph
+// with its layout. A log replaced as a whole by a copy holding a newer layout below what was read from it
+// (as a merge made elsewhere delivers it) is read again in full, so the paragraph it adds is not missed.
+TEST(NBDocument, SyncFollowsAnotherDevicesLayoutAcrossStepsAndALogReplacement) {
+    NBTemporaryDirectory directory;
+    auto writer = NBExperiment::newExperimentInFolder(directory.path(), "writer", "Synced");
+    ASSERT_TRUE(writer);
+    NBParagraph a = NBParagraph::normalParagraphWithContent("A");
+    writer->appendParagraph(a);
+    ASSERT_TRUE(writer->saveNow());
+    auto reader = NBDocument::openDocumentAtPath(writer->storePath(), "reader");
+    ASSERT_TRUE(reader);
+    EXPECT_EQ(labels(reader->paragraphs()), QStringList({"A"}));
+
+    a.setContent("A edited");
+    writer->modifyParagraph(a);
+    ASSERT_TRUE(writer->saveNow());
+    reader->syncNow();
+    EXPECT_EQ(labels(reader->paragraphs()), QStringList({"A edited"}));
+    writer->appendParagraph(NBParagraph::normalParagraphWithContent("B"));
+    ASSERT_TRUE(writer->saveNow());
+    reader->syncNow();
+    EXPECT_EQ(labels(reader->paragraphs()), QStringList({"A edited", "B"}));
+
+    const NBTimestamp layoutTimestamp = writer->mostRecentTimestampForKey("layout");
+    QThread::msleep(2);
+    a.setContent("A again");
+    writer->modifyParagraph(a);
+    ASSERT_TRUE(writer->saveNow());
+    reader->syncNow();
+    const NBTimestamp newest = writer->mostRecentTimestampForKey(a.uuid());
+    ASSERT_GT(newest - layoutTimestamp, 1);
+    const QStringList layout = writer->layout();
+    const QString log = writer->databasePathForDeviceIdentifier("writer");
+    writer->tearDownNow();
+
+    const QString copy = log + "-copy";
+    ASSERT_TRUE(QFile::copy(log, copy));
+    {
+        auto copyLog = OAKStoreLog::open(copy, OAKStoreLog::Mode::ReadWrite, nullptr);
+        ASSERT_TRUE(copyLog);
+        const NBParagraph c = NBParagraph::normalParagraphWithContent("C");
+        const NBTimestamp between = layoutTimestamp + (newest - layoutTimestamp) / 2;
+        ASSERT_TRUE(copyLog->insertRow(between, std::nullopt, c.uuid(),
+                                       dataWithPropertyList(c.info(), NBPropertyListFormat::Binary),
+                                       nullptr));
+        ASSERT_TRUE(
+            copyLog->insertRow(between, layoutTimestamp, QStringLiteral("layout"),
+                               dataWithPropertyList(QVariantList(layout.begin(), layout.end()) << c.uuid(),
+                                                    NBPropertyListFormat::Binary),
+                               nullptr));
+        ASSERT_TRUE(copyLog->save(nullptr));
+    }
+    ASSERT_EQ(std::rename(QFile::encodeName(copy).constData(), QFile::encodeName(log).constData()), 0);
+    reader->syncNow();
+    EXPECT_EQ(labels(reader->paragraphs()), QStringList({"A again", "B", "C"}));
+    reader->tearDownNow();
 }
 
 TEST(NBDocument, ContentDump) {
