@@ -144,43 +144,6 @@ TEST(OAKStoreSync, TwoProcessesWritingOnePackageLoseNothing) {
     store->tearDownNow();
 }
 
-TEST(OAKStoreSync, ForeignLogDamagedWhileLoadedIsServedAroundAndPickedUpAgain) {
-    NBTemporaryDirectory directory;
-    const QString package = packagePath(directory);
-    auto foreign = AllKeysStore::open(package, QStringLiteral("foreign"));
-    foreign->setPropertyListValue(QStringLiteral("one"), QStringLiteral("title"));
-    ASSERT_TRUE(foreign->saveNow());
-    foreign->tearDownNow();
-    foreign.reset();
-    const QString log = package + QStringLiteral("/devices/foreign/logs.db");
-    const QByteArray whole = readFile(log);
-
-    auto reader = AllKeysStore::open(package, QStringLiteral("reader"));
-    reader->loadNow();
-    ASSERT_EQ(reader->propertyListValueForKey(QStringLiteral("title")).toString(), QStringLiteral("one"));
-    // A sync service replaces the log with garbage, then truncates it in place.
-    NBMessageCapture capture;
-    const QString temporary = log + QStringLiteral(".partial");
-    ASSERT_TRUE(writeFile(temporary, QByteArray(4096, '\x5a')));
-    ASSERT_EQ(std::rename(temporary.toLocal8Bit().constData(), log.toLocal8Bit().constData()), 0);
-    reader->syncNow();
-    EXPECT_EQ(reader->propertyListValueForKey(QStringLiteral("title")).toString(), QStringLiteral("one"));
-    ASSERT_TRUE(writeFile(log, whole.left(whole.size() / 2)));
-    reader->syncNow();
-    EXPECT_EQ(reader->propertyListValueForKey(QStringLiteral("title")).toString(), QStringLiteral("one"));
-    EXPECT_TRUE(capture.contains(log));
-
-    // The log arrives whole, with a newer value.
-    ASSERT_TRUE(writeFile(log, whole));
-    auto writer = AllKeysStore::open(package, QStringLiteral("foreign"));
-    writer->setPropertyListValue(QStringLiteral("two"), QStringLiteral("title"));
-    ASSERT_TRUE(writer->saveNow());
-    writer->tearDownNow();
-    reader->syncNow();
-    EXPECT_EQ(reader->propertyListValueForKey(QStringLiteral("title")).toString(), QStringLiteral("two"));
-    reader->tearDownNow();
-}
-
 // Writes a log at `path` with the given (timestamp, key, value) rows, in that order, one commit each (so
 // that logs of different lengths carry different change counters, by which SQLite notices a file rewritten
 // under an open connection).

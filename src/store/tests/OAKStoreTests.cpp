@@ -37,60 +37,46 @@ QVariantMap sampleValues() {
     };
 }
 
-TEST(OAKStore, ValuesAndDictionariesSurviveTearDownAndReopening) {
+TEST(OAKStore, ValuesSurviveClosingTearDownAndReopening) {
     NBTemporaryDirectory directory;
     const QVariantMap values = sampleValues();
-    QHash<QString, NBTimestamp> timestamps;
-    {
-        auto store = AllKeysStore::open(packagePath(directory), QStringLiteral("device-a"));
-        store->loadNow();
-        store->setEntriesFromDictionary(values);
-        store->setPropertyListValue(QStringLiteral("single"), QStringLiteral("title"));
-        ASSERT_TRUE(store->saveNow());
-        timestamps = store->mostRecentTimestampsByKey();
-        store->tearDownNow();
-        EXPECT_FALSE(store->loaded());
-        EXPECT_TRUE(store->allRelevantValues().isEmpty());
-    }
-    auto reopened = AllKeysStore::open(packagePath(directory), QStringLiteral("device-a"));
-    reopened->loadNow();
-    EXPECT_TRUE(reopened->loaded());
-    for (auto entry = values.begin(); entry != values.end(); ++entry) {
-        EXPECT_TRUE(propertyListValuesEqual(reopened->propertyListValueForKey(entry.key()), entry.value()))
-            << entry.key().toStdString();
-    }
-    EXPECT_EQ(reopened->propertyListValueForKey(QStringLiteral("title")).toString(),
-              QStringLiteral("single"));
-    EXPECT_EQ(reopened->mostRecentTimestampsByKey(), timestamps);
-    // One dictionary write shares one timestamp.
-    EXPECT_EQ(timestamps.value(QStringLiteral("string")), timestamps.value(QStringLiteral("array")));
-    reopened->tearDownNow();
-}
-
-TEST(OAKStore, ClosedDatabaseReopensOnTheNextReadAndWrite) {
-    NBTemporaryDirectory directory;
     OAKStoreOptions options;
     options.timings.closeDelay = 0.2;
-    auto store = AllKeysStore::open(packagePath(directory), QStringLiteral("device"), options);
+    auto store = AllKeysStore::open(packagePath(directory), QStringLiteral("device-a"), options);
     store->loadNow();
-    store->setPropertyListValue(qint64(1), QStringLiteral("first"));
+    store->setEntriesFromDictionary(values);
     ASSERT_TRUE(store->saveNow());
+    // A closed log reopens on the next read and write, whether closed at once or by its timer.
     store->closeDatabaseNow();
-    EXPECT_EQ(store->changesSinceTimestamp(timestampForDistantPast()).size(), 1u);
+    EXPECT_EQ(store->changesSinceTimestamp(timestampForDistantPast()).size(), std::size_t(values.size()));
     store->closeDatabaseNow();
-    store->setPropertyListValue(qint64(2), QStringLiteral("second"));
+    store->setPropertyListValue(QStringLiteral("single"), QStringLiteral("title"));
     ASSERT_TRUE(store->saveNow());
-    // The close timer fires after its delay; the next write reopens the log again.
     QThread::msleep(600);
-    store->setPropertyListValue(qint64(3), QStringLiteral("third"));
+    store->setPropertyListValue(QStringLiteral("final"), QStringLiteral("title"));
     ASSERT_TRUE(store->saveNow());
-    EXPECT_EQ(store->changesSinceTimestamp(timestampForDistantPast()).size(), 3u);
+    EXPECT_EQ(store->changesSinceTimestamp(timestampForDistantPast()).size(), std::size_t(values.size() + 2));
+    const QHash<QString, NBTimestamp> timestamps = store->mostRecentTimestampsByKey();
     store->tearDownNow();
+    EXPECT_FALSE(store->loaded());
+    EXPECT_TRUE(store->allRelevantValues().isEmpty());
 
-    auto reopened = AllKeysStore::open(packagePath(directory), QStringLiteral("other"));
-    reopened->loadNow();
-    EXPECT_EQ(reopened->allRelevantValues().size(), 3);
-    reopened->tearDownNow();
+    for (const QString& device : {QStringLiteral("device-a"), QStringLiteral("other")}) {
+        auto reopened = AllKeysStore::open(packagePath(directory), device);
+        reopened->loadNow();
+        EXPECT_TRUE(reopened->loaded());
+        for (auto entry = values.begin(); entry != values.end(); ++entry) {
+            EXPECT_TRUE(
+                propertyListValuesEqual(reopened->propertyListValueForKey(entry.key()), entry.value()))
+                << entry.key().toStdString();
+        }
+        EXPECT_EQ(reopened->propertyListValueForKey(QStringLiteral("title")).toString(),
+                  QStringLiteral("final"));
+        EXPECT_EQ(reopened->mostRecentTimestampsByKey(), timestamps);
+        reopened->tearDownNow();
+    }
+    // One dictionary write shares one timestamp.
+    EXPECT_EQ(timestamps.value(QStringLiteral("string")), timestamps.value(QStringLiteral("array")));
 }
 
 // A value nested `depth` arrays deep around a string.
@@ -386,7 +372,8 @@ void writeDeviceLog(const QString& package, const QString& device, const QString
     store->tearDownNow();
 }
 
-TEST(OAKStore, DamagedForeignLogsAreSkippedAndNeverWritten) {
+TEST(OAKStore, DamagedForeignLogsAreServedAroundNeverWrittenAndReadAgainOnceWhole) {
+    // Each damage meets a store loaded before it came and one loaded after.
     struct Damage {
         const char* name;
         std::function<void(const QString& logPath)> apply;
@@ -437,25 +424,45 @@ TEST(OAKStore, DamagedForeignLogsAreSkippedAndNeverWritten) {
             damaged->tearDownNow();
         }
         const QString damagedLog = package + QStringLiteral("/devices/damaged/logs.db");
+        const QByteArray whole = readFile(damagedLog);
+        auto early = AllKeysStore::open(package, QStringLiteral("early"));
+        early->loadNow();
+        ASSERT_EQ(early->allRelevantValues().size(), 2001);
         damage.apply(damagedLog);
         const auto before = treeSnapshot(package + QStringLiteral("/devices/damaged"));
 
         NBMessageCapture capture;
-        auto store = AllKeysStore::open(package, QStringLiteral("reader"));
-        store->loadNow();
-        EXPECT_TRUE(store->loaded());
-        EXPECT_EQ(store->propertyListValueForKey(QStringLiteral("title")).toString(),
-                  QStringLiteral("from good"));
-        store->setPropertyListValue(QStringLiteral("written"), QStringLiteral("mine"));
-        EXPECT_TRUE(store->saveNow());
-        store->waitUntilFinished();
-        store->tearDownNow();
+        auto late = AllKeysStore::open(package, QStringLiteral("late"));
+        late->loadNow();
+        EXPECT_TRUE(late->loaded());
+        early->syncNow();
+        for (const auto& store : {early, late}) {
+            EXPECT_EQ(store->propertyListValueForKey(QStringLiteral("title")).toString(),
+                      QStringLiteral("from good"));
+            store->setPropertyListValue(QStringLiteral("written"), QStringLiteral("mine"));
+            EXPECT_TRUE(store->saveNow());
+            store->waitUntilFinished();
+        }
+        // What was read before the damage is kept.
+        EXPECT_EQ(early->allRelevantValues().size(), 2002);
         const QStringList texts = capture.texts();
         const bool named = std::any_of(texts.begin(), texts.end(), [&](const QString& text) {
             return text.contains(damagedLog) && text.contains(QString::fromUtf8(damage.message));
         });
         EXPECT_TRUE(named) << texts.join(QLatin1Char('\n')).toStdString();
         EXPECT_EQ(treeSnapshot(package + QStringLiteral("/devices/damaged")), before);
+
+        // The log arrives whole again, then with a newer value: both stores read it.
+        QDir(damagedLog).removeRecursively();
+        ASSERT_TRUE(writeFile(damagedLog, whole));
+        writeDeviceLog(package, QStringLiteral("damaged"), QStringLiteral("title"), QStringLiteral("mended"));
+        for (const auto& store : {early, late}) {
+            store->syncNow();
+            EXPECT_EQ(store->propertyListValueForKey(QStringLiteral("title")).toString(),
+                      QStringLiteral("mended"));
+            EXPECT_EQ(store->allRelevantValues().size(), 2002);
+            store->tearDownNow();
+        }
     }
 }
 
