@@ -4,7 +4,10 @@
 //   inotify_add_watch calls on an inotify instance of the benchmark's own;
 // - latency from a write to the observer's call, against the configured coalescing latency (the floor: the
 //   stream deliberately holds a change that long), at a short latency and at the real one;
-// - the number of calls for a burst of 10,000 new files in one folder, against the one folder that changed.
+// - the number of calls for a burst of 10,000 new files in one folder, against the one folder that changed;
+// - latency from a write to the observer's call while a tree of 50,000 files is polled without pause,
+//   against the configured latency and against the same latency with nothing polled; beside it, what one
+//   poll of that tree costs (a poll that ran on the delivery thread would add up to that much).
 #include "fileobserver/NBFileSystemEventCenter.h"
 
 #include <QDir>
@@ -202,6 +205,68 @@ void BM_CallsForBurstOfTenThousandFiles(benchmark::State& state) {
     state.counters["write_s"] = writeSeconds / iterations;
 }
 BENCHMARK(BM_CallsForBurstOfTenThousandFiles)->Iterations(2)->Unit(benchmark::kSecond);
+
+// A stream that fell back to polling a large tree, polled as often as the engine allows, beside a watched
+// folder whose writes are timed.
+void BM_WriteToCallLatencyWhileLargeTreeIsPolled(benchmark::State& state) {
+    constexpr int folderCount = 1000, filesPerFolder = 50;
+    constexpr double latency = 0.1;
+    QTemporaryDir polled, watched;
+    for (int folder = 0; folder < folderCount; ++folder) {
+        QString path = polled.filePath(QStringLiteral("folder-%1").arg(folder));
+        QDir().mkpath(path);
+        for (int file = 0; file < filesPerFolder; ++file)
+            writeFile(path + QStringLiteral("/file-%1").arg(file));
+    }
+    auto start = Clock::now();
+    NBFileSnapshot snapshot = nbFileSnapshotOfPath(polled.path());
+    double pollSeconds = std::chrono::duration<double>(Clock::now() - start).count();
+    benchmark::DoNotOptimize(snapshot.size());
+
+    NBFileObserver::setCoalescingLatency(latency);
+    auto& center = NBFileSystemEventCenter::defaultCenter();
+    auto counter = std::make_shared<CallCounter>();
+    center.addObserver(counter, &CallCounter::fileSystemEventDidOccur, watched.path());
+    int index = 0;
+    auto measureWrite = [&] {
+        int previous = counter->calls();
+        auto written = Clock::now();
+        writeFile(watched.filePath(QStringLiteral("file-%1").arg(index++)));
+        return std::chrono::duration<double>(counter->waitForCall(previous) - written).count();
+    };
+    // The same writes with nothing polled, measured first.
+    double quietTotal = 0;
+    constexpr int quietWrites = 10;
+    for (int write = 0; write < quietWrites; ++write)
+        quietTotal += measureWrite();
+
+    NBFileObserver::setForcesPolling(true);
+    NBFileObserver::setPollingInterval(0.05);
+    auto polledCounter = std::make_shared<CallCounter>();
+    center.addObserver(polledCounter, &CallCounter::fileSystemEventDidOccur, polled.path());
+    NBFileObserver::setForcesPolling(false);
+    double total = 0;
+    for (auto _ : state) {
+        double seconds = measureWrite();
+        state.SetIterationTime(seconds);
+        total += seconds;
+    }
+    center.removeObserver(polledCounter.get());
+    center.removeObserver(counter.get());
+    NBFileObserver::setPollingInterval(kNBFileObserverPollingInterval);
+    NBFileObserver::setCoalescingLatency(kNBFileObserverLatency);
+    double mean = total / double(state.iterations());
+    state.counters["latency_ms"] = 1000 * mean;
+    state.counters["floor_configured_latency_ms"] = 1000 * latency;
+    state.counters["ratio"] = mean / latency;
+    state.counters["latency_nothing_polled_ms"] = 1000 * quietTotal / quietWrites;
+    state.counters["one_poll_ms"] = 1000 * pollSeconds;
+    state.counters["polled_files"] = double(snapshot.size());
+}
+BENCHMARK(BM_WriteToCallLatencyWhileLargeTreeIsPolled)
+    ->Iterations(20)
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond);
 
 } // namespace
 
