@@ -126,17 +126,36 @@ TEST(OAKStoreSync, TwoProcessesWritingOnePackageLoseNothing) {
     store->loadNow();
     const std::vector<OAKChange> changes = store->changesSinceTimestamp(timestampForDistantPast());
     ASSERT_EQ(changes.size(), std::size_t(2 * writes));
+    // Every row once, in ascending timestamp order, with its device, and with each device's rows of a key
+    // chained by their parent timestamps.
     std::map<QString, std::set<qint64>> sequences;
     std::map<QString, const OAKChange*> newest;
-    for (const OAKChange& change : changes) {
-        sequences[change.deviceIdentifier].insert(
-            change.propertyList.toMap().value(QStringLiteral("sequence")).toLongLong());
+    std::map<std::pair<QString, QString>, NBTimestamp> previous; // (device, key) -> timestamp
+    for (std::size_t index = 0; index < changes.size(); ++index) {
+        const OAKChange& change = changes[index];
+        const QVariantMap value = change.propertyList.toMap();
+        EXPECT_EQ(value.value(QStringLiteral("device")).toString(), change.deviceIdentifier);
+        sequences[change.deviceIdentifier].insert(value.value(QStringLiteral("sequence")).toLongLong());
+        if (index > 0) {
+            EXPECT_LE(changes[index - 1].timestamp, change.timestamp);
+        }
+        const auto chained = previous.find({change.deviceIdentifier, change.key});
+        EXPECT_EQ(change.parentTimestamp,
+                  chained == previous.end() ? std::optional<NBTimestamp>() : std::optional(chained->second));
+        previous[{change.deviceIdentifier, change.key}] = change.timestamp;
         const OAKChange*& known = newest[change.key];
         if (!known || change.timestamp > known->timestamp)
             known = &change;
     }
     EXPECT_EQ(sequences[QStringLiteral("first")].size(), std::size_t(writes));
     EXPECT_EQ(sequences[QStringLiteral("second")].size(), std::size_t(writes));
+    // Changes since a timestamp are exactly the later rows.
+    const NBTimestamp middle = changes[std::size_t(writes)].timestamp;
+    const std::vector<OAKChange> later = store->changesSinceTimestamp(middle);
+    ASSERT_EQ(later.size(),
+              std::size_t(std::count_if(changes.begin(), changes.end(),
+                                        [&](const OAKChange& change) { return change.timestamp > middle; })));
+    EXPECT_TRUE(later.back() == changes.back());
     const QVariantMap values = store->allRelevantValues();
     ASSERT_EQ(values.size(), 40);
     for (const auto& [key, change] : newest)

@@ -203,45 +203,6 @@ TEST(OAKStore, SaveAndSyncTimersRunAfterTheLastStepAndAtLeastEveryCoalesceInterv
     }
 }
 
-TEST(OAKStore, ChangesSinceTimestampAreCompleteAndAscending) {
-    NBTemporaryDirectory directory;
-    auto first = OAKStore::storeWithURL(QUrl::fromLocalFile(packagePath(directory)), QStringLiteral("first"));
-    auto second =
-        OAKStore::storeWithURL(QUrl::fromLocalFile(packagePath(directory)), QStringLiteral("second"));
-    first->setPropertyListValue(QStringLiteral("before"), QStringLiteral("early"));
-    ASSERT_TRUE(first->saveNow());
-    const NBTimestamp start = timestampNow();
-    std::vector<std::pair<QString, NBTimestamp>> written;
-    for (int index = 0; index < 20; ++index) {
-        OAKStore& store = index % 3 == 0 ? *second : *first;
-        const QString key = QStringLiteral("key%1").arg(index % 7);
-        store.setPropertyListValue(qint64(index), key);
-        written.emplace_back(key, store.mostRecentTimestampForKey(key));
-    }
-    const NBTimestamp end = timestampNow();
-    first->setPropertyListValue(QStringLiteral("after"), QStringLiteral("late"));
-    ASSERT_TRUE(second->saveNow());
-
-    std::vector<OAKChange> changes = first->changesSinceTimestamp(start);
-    std::erase_if(changes, [&](const OAKChange& change) { return change.timestamp > end; });
-    ASSERT_EQ(changes.size(), written.size());
-    for (std::size_t index = 0; index < changes.size(); ++index) {
-        EXPECT_EQ(changes[index].key, written[index].first);
-        EXPECT_EQ(changes[index].timestamp, written[index].second);
-        EXPECT_EQ(changes[index].propertyList.toLongLong(), qint64(index));
-        EXPECT_EQ(changes[index].deviceIdentifier,
-                  index % 3 == 0 ? QStringLiteral("second") : QStringLiteral("first"));
-        if (index > 0) {
-            EXPECT_LT(changes[index - 1].timestamp, changes[index].timestamp);
-        }
-    }
-    // Parent timestamps chain each device's rows of a key.
-    EXPECT_FALSE(changes[0].parentTimestamp.has_value());
-    EXPECT_EQ(changes[7].key, changes[0].key);
-    first->tearDownNow();
-    second->tearDownNow();
-}
-
 TEST(OAKStore, TransactionsGatherOneNotificationAndRefuseSynchronousDatabaseCalls) {
     NBTemporaryDirectory directory;
     auto store =
