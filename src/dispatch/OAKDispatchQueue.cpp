@@ -13,6 +13,10 @@
 // sources are OAKTimerSource objects served by the one timer thread, which posts their firing back onto
 // this queue. Records are never removed: an idle record remembers the time that throttling measures from.
 //
+// At process exit, once the dispatch threads have stopped, a synchronous dispatch onto a queue that is not
+// free at once raises an assertion (with the default handler the process ends with the message) instead of
+// hanging; the block does not run.
+//
 // Exceptions: a synchronously dispatched block that throws leaves the queue and the caller's stack as they
 // were and the exception reaches the caller; anything else that throws ends the process (see OAKQueue.cpp).
 //
@@ -42,6 +46,10 @@ using QueueStack = std::vector<const OAKDispatchQueue*>;
 const char* const deadlockMessage =
     "Synchronous dispatch can not be executed on the queue with label '%@' because "
     "it is already part of the current dispatch queue hierarchy";
+// A synchronous dispatch made after the dispatch threads stopped at process exit (from a static destructor,
+// say) onto a queue that is not free at once: waiting would hang the exit, so the block does not run.
+const char* const stoppedMessage = "Synchronous dispatch can not be executed on the queue with label '%@' "
+                                   "because the dispatch threads have stopped at process exit";
 const char* const lastObjectMessage =
     "The queue stack set after execution of a block should have the parent queue as the last object: %@";
 const char* const syncNotEmptyMessage =
@@ -232,7 +240,7 @@ void OAKDispatchQueue::dispatchSynchronously(const OAKBlock& block) {
     if (startedHere)
         stack = &startedStack;
     const bool concurrent = d->concurrent;
-    d->queue->sync([&] {
+    const bool ran = d->queue->sync([&] {
         if (!concurrent)
             stack->push_back(this);
         OAKQueue::setCurrentSlot(stack);
@@ -253,6 +261,8 @@ void OAKDispatchQueue::dispatchSynchronously(const OAKBlock& block) {
             raise(nbFormat(syncNotEmptyMessage, describeStack(*stack)));
         OAKQueue::setCurrentSlot(nullptr);
     });
+    if (!ran)
+        raise(nbFormat(stoppedMessage, d->label));
 }
 
 void OAKDispatchQueue::dispatchAsynchronously(OAKBlock block) {
@@ -266,7 +276,8 @@ void OAKDispatchQueue::dispatchAsynchronously(OAKBlock block) {
 }
 
 void OAKDispatchQueue::dispatchBarrierSynchronously(const OAKBlock& block) {
-    d->queue->barrierSync(block);
+    if (!d->queue->barrierSync(block))
+        raise(nbFormat(stoppedMessage, d->label));
 }
 
 void OAKDispatchQueue::dispatchBarrierAsynchronously(OAKBlock block) {

@@ -64,7 +64,12 @@
 // guard created with it stops the threads at process exit: the timer thread and the dedicated main thread
 // are joined; workers finish the block they are running and leave without taking more, and are joined if
 // they do so within two seconds (a worker stuck in a block that never returns is detached instead, which
-// is safe because nothing it touches is ever freed). Blocks still queued at exit are not run.
+// is safe because nothing it touches is ever freed). Blocks still queued at exit are not run, and blocks
+// dispatched asynchronously afterwards (from a static destructor, say) are dropped at once, with what they
+// hold. A synchronous dispatch made afterwards runs its block inline when the queue is free at once, as
+// always; when it is not (a block was queued or dropped before it, a stuck worker owns the queue, the main
+// queue is called from another thread), nothing will ever hand the queue over, so instead of waiting
+// forever it returns without running the block and OAKDispatchQueue reports this as an assertion.
 #include "dispatch/OAKQueue.h"
 
 #include <QCoreApplication>
@@ -413,6 +418,9 @@ public:
         wake_.notify_one();
     }
 
+    // True once main-queue blocks can no longer run: the application they were posted to is gone.
+    static bool hasLostItsThread() { return applicationGone(); }
+
     bool isMainThread() const {
         if (application_)
             return QThread::currentThread() == applicationThread_;
@@ -486,12 +494,17 @@ struct Runtime {
         pool.shutdown();
         if (main)
             main->shutdown();
+        stopped.store(true, std::memory_order_release);
     }
+
+    // True once the threads have stopped: queued blocks will never run.
+    bool hasStopped() const { return stopped.load(std::memory_order_acquire); }
 
     OAKTimerThread timers;
     WorkerPool pool;
     std::once_flag mainOnce;
     MainThreadExecutor* main = nullptr;
+    std::atomic<bool> stopped{false};
 };
 
 struct RuntimeShutdown {
@@ -602,6 +615,15 @@ void OAKQueue::barrierAsync(OAKJob job) {
 
 void OAKQueue::enqueue(Item item) {
     std::unique_lock lock(mutex_);
+    if (runtime().hasStopped()) {
+        // Nothing will run the block any more. It is dropped at once rather than kept queued, which would
+        // keep alive whatever it holds (often the queue's own wrapper, a cycle that is never freed).
+        stranded_ = true;
+        OAKJob dropped = std::move(item.job);
+        lock.unlock();
+        dropped = nullptr; // may free this queue: nothing is touched afterwards
+        return;
+    }
     items_.push_back(std::move(item));
     if (kind_ == Kind::Concurrent) {
         pumpConcurrent(lock);
@@ -647,10 +669,13 @@ void OAKQueue::runJobInFrame(OAKJob& job) {
     runDetachedJob(job);
 }
 
-void OAKQueue::syncImpl(void (*function)(void*), void* argument, bool barrier) {
+bool OAKQueue::syncImpl(void (*function)(void*), void* argument, bool barrier) {
     if (kind_ == Kind::Concurrent) {
         std::unique_lock lock(mutex_);
-        const bool canStart = items_.empty() && !barrierRunning_ && (barrier ? running_ == 0 : true);
+        const bool canStart =
+            items_.empty() && !barrierRunning_ && !stranded_ && (barrier ? running_ == 0 : true);
+        if (!canStart && runtime().hasStopped())
+            return false;
         // Outlives the wait by the whole block, so the thread that wakes it is long done with it.
         Waiter waiter;
         if (canStart) {
@@ -669,10 +694,12 @@ void OAKQueue::syncImpl(void (*function)(void*), void* argument, bool barrier) {
             ~Finish() { queue->finishConcurrent(barrier); }
         } finish{this, barrier};
         runInFrame(function, argument);
-        return;
+        return true;
     }
 
     if (isMain_ && !isMainThread()) {
+        if (runtime().hasStopped() || MainThreadExecutor::hasLostItsThread())
+            return false;
         // The main queue's blocks run on the main thread, never on the caller's (there, like any block that
         // nobody else waits for, a throwing block ends the process).
         std::binary_semaphore done{0};
@@ -682,14 +709,16 @@ void OAKQueue::syncImpl(void (*function)(void*), void* argument, bool barrier) {
                      },
                      nullptr, false});
         blockingAcquire(done);
-        return;
+        return true;
     }
 
     std::unique_lock lock(mutex_);
     Waiter waiter;
-    if (!owned_ && items_.empty()) {
+    if (!owned_ && items_.empty() && !stranded_) {
         owned_ = true;
         lock.unlock();
+    } else if (runtime().hasStopped()) {
+        return false;
     } else {
         items_.push_back(Item{OAKJob(), &waiter, false});
         if (!owned_) {
@@ -711,6 +740,7 @@ void OAKQueue::syncImpl(void (*function)(void*), void* argument, bool barrier) {
         }
     } release{this};
     runInFrame(function, argument);
+    return true;
 }
 
 void OAKQueue::releaseSerialOwnership(std::unique_lock<std::mutex>& lock) {

@@ -50,11 +50,13 @@ public:
 
     // Runs the callable once the queue reaches it and returns afterwards. The block runs on the calling
     // thread, except on the main queue called from another thread, where it runs on the main thread.
-    template <typename Callable> void sync(Callable&& callable) {
-        syncImpl(&invokeCallable<std::remove_reference_t<Callable>>, erase(callable), false);
+    // Returns false, without running the callable, when the dispatch threads have stopped at process exit
+    // and the queue is not free at once: nothing would ever hand it the queue, so waiting would hang.
+    template <typename Callable> [[nodiscard]] bool sync(Callable&& callable) {
+        return syncImpl(&invokeCallable<std::remove_reference_t<Callable>>, erase(callable), false);
     }
-    template <typename Callable> void barrierSync(Callable&& callable) {
-        syncImpl(&invokeCallable<std::remove_reference_t<Callable>>, erase(callable), true);
+    template <typename Callable> [[nodiscard]] bool barrierSync(Callable&& callable) {
+        return syncImpl(&invokeCallable<std::remove_reference_t<Callable>>, erase(callable), true);
     }
 
     // The queue's specific value (the wrapping object), read on any thread. A queue wrapped again takes
@@ -93,7 +95,7 @@ private:
     template <typename Callable> static void invokeCallable(void* callable) {
         (*static_cast<Callable*>(callable))();
     }
-    void syncImpl(void (*function)(void*), void* argument, bool barrier);
+    bool syncImpl(void (*function)(void*), void* argument, bool barrier);
     void enqueue(Item item);
     void runInFrame(void (*function)(void*), void* argument);
     void runJobInFrame(OAKJob& job);
@@ -117,6 +119,9 @@ private:
     // Concurrent: blocks running now, and whether one of them is a barrier.
     unsigned running_ = 0;
     bool barrierRunning_ = false;
+    // Set when a block was dropped because the threads had stopped at process exit: the blocks after it
+    // cannot keep their order any more, so a synchronous dispatch is refused instead of run.
+    bool stranded_ = false;
 };
 
 // A one-shot timer source: once started, it posts its handler to its queue when it is due. Setting the
