@@ -2,9 +2,10 @@
 //
 // Speed matters here: every paragraph of every document passes through this code when an index is built,
 // and a query is tokenised on every keystroke. Two tables keep the per-character work to a few loads:
-//   - The folding of each code point of the Basic Multilingual Plane is computed with ICU once, lazily, in
-//     blocks of 256 code points, and kept for the life of the process (the first paragraph of a script
-//     pays for its block, later ones read it). Code points beyond the plane are rare and folded directly.
+//   - The folding of each code point is computed with ICU once, lazily, in blocks of 256 code points, and
+//     kept for the life of the process (the first paragraph of a script pays for its block, later ones read
+//     it). This covers every plane: emoji, mathematical letters and the rarer ideographs cost a table load
+//     like any other character instead of several ICU calls each.
 //   - One byte per code unit says what steps 2 to 4 do with it: keep it, delete it, treat it as a
 //     separator, or replace it by which value of the table.
 #include "search/NBSearchNormalization.h"
@@ -136,9 +137,9 @@ icu::UnicodeString foldCodePoint(UChar32 codePoint) {
     return folded;
 }
 
-// The foldings of 256 consecutive code points of the Basic Multilingual Plane. An entry holds the length of
-// the folded text in its top byte; a one-unit folding keeps its unit in the low 16 bits, a longer one its
-// offset into `units`.
+// The foldings of 256 consecutive code points. An entry holds the length of the folded text in its top
+// byte; a one-unit folding keeps its unit in the low 16 bits, a longer one (always so beyond the Basic
+// Multilingual Plane, whose characters take two units) its offset into `units`.
 struct FoldingBlock {
     std::array<std::uint32_t, 256> entries{};
     std::vector<char16_t> units;
@@ -167,7 +168,8 @@ FoldingBlock* makeFoldingBlock(unsigned blockIndex) {
 
 // Blocks are built on first use and published with a compare-and-swap, so readers never take a lock; a
 // thread that loses the race drops its copy. Published blocks live as long as the process.
-std::array<std::atomic<const FoldingBlock*>, 256> foldingBlocks{};
+constexpr unsigned foldingBlockCount = 0x110000 >> 8;
+std::array<std::atomic<const FoldingBlock*>, foldingBlockCount> foldingBlocks{};
 
 const FoldingBlock& foldingBlock(unsigned blockIndex) {
     const FoldingBlock* block = foldingBlocks[blockIndex].load(std::memory_order_acquire);
@@ -180,7 +182,21 @@ const FoldingBlock& foldingBlock(unsigned blockIndex) {
     return *block;
 }
 
-// Calls `sink` with every unit of the folding of `text`, in order.
+// Calls `sink` with every unit of the folding of the code point `codePoint`.
+template <typename Sink> void foldCodePointInto(char32_t codePoint, Sink& sink) {
+    const FoldingBlock& block = foldingBlock(codePoint >> 8);
+    const std::uint32_t entry = block.entries[codePoint & 0xFF];
+    const std::uint32_t length = entry >> 24;
+    if (length == 1) {
+        sink(static_cast<char16_t>(entry & 0xFFFF));
+        return;
+    }
+    const char16_t* folded = block.units.data() + (entry & 0xFFFFFF);
+    for (std::uint32_t offset = 0; offset < length; ++offset)
+        sink(folded[offset]);
+}
+
+// Calls `sink` with every unit of the folding of `text`, in order. An unpaired surrogate gives nothing.
 template <typename Sink> void foldUnits(QStringView text, Sink&& sink) {
     const char16_t* const units = text.utf16();
     const qsizetype size = text.size();
@@ -189,24 +205,11 @@ template <typename Sink> void foldUnits(QStringView text, Sink&& sink) {
         if (unit < 0x80) {
             sink(unit >= u'A' && unit <= u'Z' ? static_cast<char16_t>(unit + (u'a' - u'A')) : unit);
         } else if (!QChar::isSurrogate(unit)) {
-            const FoldingBlock& block = foldingBlock(unit >> 8);
-            const std::uint32_t entry = block.entries[unit & 0xFF];
-            const std::uint32_t length = entry >> 24;
-            if (length == 1) {
-                sink(static_cast<char16_t>(entry & 0xFFFF));
-            } else {
-                const char16_t* folded = block.units.data() + (entry & 0xFFFFFF);
-                for (std::uint32_t offset = 0; offset < length; ++offset)
-                    sink(folded[offset]);
-            }
+            foldCodePointInto(unit, sink);
         } else if (QChar::isHighSurrogate(unit) && index + 1 < size &&
                    QChar::isLowSurrogate(units[index + 1])) {
-            const icu::UnicodeString folded = foldCodePoint(QChar::surrogateToUcs4(unit, units[index + 1]));
-            for (int32_t offset = 0; offset < folded.length(); ++offset)
-                sink(folded.charAt(offset));
+            foldCodePointInto(QChar::surrogateToUcs4(unit, units[index + 1]), sink);
             ++index;
-        } else {
-            sink(unit); // An unpaired surrogate is kept as it is.
         }
     }
 }

@@ -33,7 +33,10 @@
 // Characters that canonical decomposition does not take apart keep their letter: "ø", "ł", "æ" and "œ"
 // reach the table of step 4 as they are ("ł" -> "i" there, a quirk of the table that is kept on purpose).
 // Compatibility forms other than width (superscripts, subscripts, circled digits, mathematical letters)
-// are left alone: "H₂O" stays "h₂o". An unpaired surrogate is kept as it is.
+// are left alone: "H₂O" stays "h₂o". An unpaired surrogate (half of a character whose other half was lost,
+// as when text is cut in the middle of a pair) stands for no letter and is dropped, like an ignored
+// character: the search form and the tokens are always valid UTF-16, so what an index stores from them
+// converts to UTF-8 and back unchanged, and a damaged paragraph is still found by its intact words.
 //
 // Locale. Folding is the same on every machine and ignores the user's locale: in particular "I" always
 // folds to "i", never to the Turkish dotless "ı". A library is shared between devices, and its indexes,

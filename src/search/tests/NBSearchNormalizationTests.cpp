@@ -165,8 +165,10 @@ TEST(NBSearchNormalization, SearchFormsOfEverydayAndScientificText) {
         {"€5 ¢ ∑", "euro 5 cent sigma"},
         {"e\u0301te\u0301 ﾊﾟﾝ パン", "ete ハン ハン"},
         {"𐐀𐐁 😀", "𐐨𐐩 😀"},
-        {QString("a") + QChar(0xD800) + "b" + QChar(0xDC00),
-         QString("a") + QChar(0xD800) + "b" + QChar(0xDC00)},
+        // Unpaired surrogates, anywhere and in the wrong order, are dropped; a pair in order is kept.
+        {QString("a") + QChar(0xD800) + "b" + QChar(0xDC00), "ab"},
+        {QString(QChar(0xDC00)) + "x " + QChar(0xD83D) + QChar(0xD83D) + QChar(0xDE00), "x 😀"},
+        {QString(QChar(0xDE00)) + QChar(0xD83D), ""},
     };
     for (const auto& [text, expected] : cases)
         EXPECT_EQ(normalizedStringForSearch(text), expected) << text.toStdString();
@@ -185,6 +187,7 @@ TEST(NBSearchNormalization, FoldingIsStableForEveryCodePointOfTheFirstTwoPlanes)
 RC_GTEST_PROP(NBSearchNormalization, SearchFormIsIdempotentAndEqualsTheStepsOneByOne, ()) {
     const QString text = *genSearchText();
     const QString normalized = normalizedStringForSearch(text);
+    RC_ASSERT(normalized.isValidUtf16());
     RC_ASSERT(normalizedStringForSearch(normalized) == normalized);
     RC_ASSERT(searchFormStepByStep(text) == normalized);
 }
@@ -218,6 +221,7 @@ TEST(NBSearchNormalization, TokensRememberWhereTheyCameFrom) {
         {"5 µL at 37 °C", {{"5", 0, 1}, {"mu l", 2, 2}, {"at", 5, 2}, {"37", 8, 2}, {"c", 12, 1}}},
         {"ﬁsh, ＡＢ", {{"fish", 0, 3}, {"ab", 5, 2}}},
         {"𐐀bc-d 𝛼", {{"𐐨bc", 0, 4}, {"d", 5, 1}, {"𝛼", 7, 2}}},
+        {QString("x") + QChar(0xD800) + " " + QChar(0xDC00) + " y", {{"x", 0, 2}, {"", 3, 1}, {"y", 5, 1}}},
     };
     for (const auto& [text, expected] : cases)
         EXPECT_EQ(tokensOf(text), expected) << text.toStdString();
@@ -240,6 +244,7 @@ TEST(NBSearchNormalization, HighlightsCoverOnlyTheMatchedPartOfEachWord) {
         {"Straße", {"strass"}, {{0, 5}}},
         {"Dvořák", {"dvor"}, {{0, 4}}},
         {"𐐀𐐀x", {"𐐨𐐨"}, {{0, 4}}},
+        {QChar(0xDC00) + QString("cells"), {"cell"}, {{1, 4}}},
         {"cells", {""}, {}},
         {"cells", {"x"}, {}},
     };
@@ -255,6 +260,7 @@ RC_GTEST_PROP(NBSearchNormalization, TokenAndHighlightRangesLieInsideTheText, ()
     addNormalizedSearchTokens(text, tokens, ranges);
     RC_ASSERT(tokens.size() == ranges.size());
     for (qsizetype index = 0; index < ranges.size(); ++index) {
+        RC_ASSERT(tokens[index].isValidUtf16());
         RC_ASSERT(liesInside(ranges[index], text));
         RC_ASSERT(ranges[index].length > 0);
         if (index > 0)
