@@ -305,11 +305,3 @@ RC_GTEST_PROP(NBPropertyListFixtures, CorruptedFilesGiveAValueOrAnError, ()) {
     }
     expectValueOrError(data);
 }
-
-RC_GTEST_PROP(NBPropertyListFixtures, RandomBytesGiveAValueOrAnError, ()) {
-    const std::string random = *rc::gen::container<std::string>(rc::gen::arbitrary<char>());
-    const std::string prefix =
-        *rc::gen::element<std::string>("", "bplist00", "<plist>", "<?xml version=\"1.0\"?>");
-    const std::string all = prefix + random;
-    expectValueOrError(QByteArray(all.data(), qsizetype(all.size())));
-}

@@ -145,22 +145,29 @@ QVariant withWholeSecondDates(const QVariant& value) {
     }
 }
 
-// Integers come back as qint64 (or quint64 above its range), whatever type they were written from.
-bool integersReadAsInt64(const QVariant& value) {
+// What a reader gives back is made only of the property-list types: integers as qint64 (or quint64 above
+// its range), reals as double, arrays and dictionaries as QVariantList and QVariantMap, whatever types the
+// value was written from.
+bool readBackTypesOnly(const QVariant& value) {
     switch (value.typeId()) {
-    case QMetaType::Int:
-    case QMetaType::UInt:
-        return false;
     case QMetaType::QVariantList: {
         const QVariantList list = value.toList();
-        return std::all_of(list.begin(), list.end(), integersReadAsInt64);
+        return std::all_of(list.begin(), list.end(), readBackTypesOnly);
     }
     case QMetaType::QVariantMap: {
         const QVariantMap map = value.toMap();
-        return std::all_of(map.begin(), map.end(), integersReadAsInt64);
+        return std::all_of(map.begin(), map.end(), readBackTypesOnly);
     }
-    default:
+    case QMetaType::QString:
+    case QMetaType::LongLong:
+    case QMetaType::ULongLong:
+    case QMetaType::Double:
+    case QMetaType::Bool:
+    case QMetaType::QDateTime:
+    case QMetaType::QByteArray:
         return true;
+    default:
+        return false;
     }
 }
 
@@ -172,7 +179,7 @@ RC_GTEST_PROP(NBPropertyList, BinaryRoundTripKeepsEveryValue, ()) {
     std::optional<QVariant> back = roundTrip(value, NBPropertyListFormat::Binary, &error);
     RC_ASSERT(back.has_value());
     RC_ASSERT(propertyListValuesEqual(value, *back));
-    RC_ASSERT(integersReadAsInt64(*back));
+    RC_ASSERT(readBackTypesOnly(*back));
     RC_ASSERT(isPropertyListValue(*back));
 }
 
@@ -182,95 +189,68 @@ RC_GTEST_PROP(NBPropertyList, XMLRoundTripKeepsEveryValue, ()) {
     std::optional<QVariant> back = roundTrip(value, NBPropertyListFormat::XML, &error);
     RC_ASSERT(back.has_value());
     RC_ASSERT(propertyListValuesEqual(value, *back));
-    RC_ASSERT(integersReadAsInt64(*back));
+    RC_ASSERT(readBackTypesOnly(*back));
 }
 
-TEST(NBPropertyList, BothFormatsKeepTheValuesAtTheEdges) {
-    const QVariantList values = {
-        integer(kInt64Min),
-        integer(kInt64Max),
-        integer(-1),
-        integer(0),
-        integer(255),
-        integer(256),
-        integer(65535),
-        integer(65536),
-        integer(4294967295),
-        integer(4294967296),
-        QVariant::fromValue(std::numeric_limits<quint64>::max()),
-        QVariant(std::numeric_limits<double>::denorm_min()),
-        QVariant(-0.0),
-        QVariant(0.1),
-        QVariant(std::numeric_limits<double>::infinity()),
-        QVariant(std::nan("")),
-        QVariant(utc(2001, 1, 1)),
-        QVariant(utc(2000, 12, 31, 23, 59, 59, 250)),
-        QVariant(utc(1932, 12, 31, 23, 59, 59, 999)),
-        QVariant(utc(1, 1, 1)),
-        QVariant(utc(9999, 12, 31, 23, 59, 59, 1)),
-        QVariant(utc(2070, 1, 1, 0, 0, 0, 5)),
-        QVariant(utc(-4713, 11, 24, 12)),
-        QVariant(utc(20000, 6, 1)),
-        QVariant(QString()),
-        QVariant(QString(15, QLatin1Char('x'))),
-        QVariant(QString(70000, QLatin1Char('y'))),
-        QVariant(QStringLiteral("🧪 non-BMP")),
-        QVariant(QStringLiteral("line\r\nbreaks\rand\ttabs  ")),
-        QVariant(QByteArray()),
-        QVariant(QByteArray(300, '\xff')),
-        QVariant(QVariantList()),
-        QVariant(QVariantMap()),
-        QVariant(QVariantMap{{QString(), QString()}, {QStringLiteral("ü"), QVariantList{QVariantMap()}}}),
+TEST(NBPropertyList, BothFormatsKeepTheValuesAtTheEdgesAndReadThemBackAsPropertyListTypes) {
+    QVariantList kept = {
+        QString(),
+        QString(15, 'x'),
+        QString(70000, 'y'),
+        QStringLiteral("🧪 non-BMP"),
+        QStringLiteral("line\r\nbreaks\rand\ttabs  "),
+        QByteArray(),
+        QByteArray(300, '\xff'),
+        QVariantList(),
+        QVariantMap(),
+        QVariantMap{{QString(), QString()}, {QStringLiteral("ü"), QVariantList{QVariantMap()}}},
+        QVariant::fromValue(std::numeric_limits<quint64>::max())};
+    for (qint64 value : {kInt64Min, kInt64Max, qint64(-1), qint64(0), qint64(255), qint64(256), qint64(65535),
+                         qint64(65536), qint64(4294967295), qint64(4294967296)})
+        kept << integer(value);
+    for (double value : {std::numeric_limits<double>::denorm_min(), -0.0, 0.1, HUGE_VAL, std::nan("")})
+        kept << value;
+    for (const QDateTime& date :
+         {utc(2001, 1, 1), utc(2000, 12, 31, 23, 59, 59, 250), utc(1932, 12, 31, 23, 59, 59, 999),
+          utc(1, 1, 1), utc(9999, 12, 31, 23, 59, 59, 1), utc(2070, 1, 1, 0, 0, 0, 5), utc(-4713, 11, 24, 12),
+          utc(20000, 6, 1)})
+        kept << date;
+    // Other integer, real and container types, and what they read back as.
+    const std::vector<std::pair<QVariant, QVariant>> converted = {
+        {QVariant(42), integer(42)},
+        {QVariant(uint(4000000000u)), integer(4000000000)},
+        {QVariant(short(-3)), integer(-3)},
+        {QVariant(0.5f), QVariant(0.5)},
+        {QVariant(QStringList{QStringLiteral("x")}), QVariantList{QStringLiteral("x")}},
+        {QVariant(QVariantHash{{QStringLiteral("b"), QVariant(uint(7))}, {QStringLiteral("a"), 1}}),
+         QVariantMap{{QStringLiteral("a"), integer(1)}, {QStringLiteral("b"), integer(7)}}},
     };
+    std::vector<std::pair<QVariant, QVariant>> values = converted;
+    for (const QVariant& value : kept)
+        values.emplace_back(value, value);
     for (NBPropertyListFormat format : {NBPropertyListFormat::Binary, NBPropertyListFormat::XML}) {
-        for (const QVariant& value : values) {
+        const auto expectedFor = [format](const QVariant& value) {
+            return format == NBPropertyListFormat::XML ? withWholeSecondDates(value) : value;
+        };
+        QVariantList all;
+        for (const auto& [value, readBack] : values) {
             NBError error;
             std::optional<QVariant> back = roundTrip(value, format, &error);
             ASSERT_TRUE(back) << propertyListDescription(value).toStdString() << ": "
                               << error.description().toStdString();
-            const QVariant expected =
-                format == NBPropertyListFormat::XML ? withWholeSecondDates(value) : value;
-            EXPECT_TRUE(propertyListValuesEqual(expected, *back))
+            const QVariant expected = expectedFor(readBack);
+            EXPECT_TRUE(propertyListValuesEqual(expected, *back) && readBackTypesOnly(*back))
                 << (format == NBPropertyListFormat::XML ? "XML " : "binary ")
                 << propertyListDescription(value).toStdString() << " read back as "
-                << propertyListDescription(*back).toStdString();
+                << propertyListDescription(*back).toStdString() << " of type " << back->typeName();
+            all.append(value);
         }
         // A list of all of them, so that references and offsets need more than one byte.
-        QVariantList many = values;
         for (int index = 0; index < 300; ++index)
-            many.append(integer(index * 1000));
-        std::optional<QVariant> back = roundTrip(many, format);
+            all.append(integer(index * 1000));
+        std::optional<QVariant> back = roundTrip(all, format);
         ASSERT_TRUE(back);
-        EXPECT_TRUE(propertyListValuesEqual(
-            format == NBPropertyListFormat::XML ? withWholeSecondDates(many) : many, *back));
-    }
-}
-
-TEST(NBPropertyList, OtherIntegerAndContainerTypesAreAcceptedAndReadBackAsPropertyListTypes) {
-    QVariantHash hash{{QStringLiteral("b"), QVariant(uint(7))}, {QStringLiteral("a"), QVariant(short(-3))}};
-    const QVariant value = QVariantList{QVariant(42),
-                                        QVariant(uint(4000000000u)),
-                                        QVariant(qlonglong(-5)),
-                                        QVariant(float(0.5f)),
-                                        QVariant(QStringList{QStringLiteral("x")}),
-                                        QVariant(hash)};
-    const QVariant expected =
-        QVariantList{integer(42),
-                     integer(4000000000),
-                     integer(-5),
-                     QVariant(0.5),
-                     QVariantList{QStringLiteral("x")},
-                     QVariantMap{{QStringLiteral("a"), integer(-3)}, {QStringLiteral("b"), integer(7)}}};
-    for (NBPropertyListFormat format : {NBPropertyListFormat::Binary, NBPropertyListFormat::XML}) {
-        std::optional<QVariant> back = roundTrip(value, format);
-        ASSERT_TRUE(back);
-        const QVariantList list = back->toList();
-        ASSERT_EQ(list.size(), 6);
-        EXPECT_EQ(list[0].typeId(), QMetaType::LongLong);
-        EXPECT_EQ(list[3].typeId(), QMetaType::Double);
-        EXPECT_EQ(list[4].typeId(), QMetaType::QVariantList);
-        EXPECT_EQ(list[5].typeId(), QMetaType::QVariantMap);
-        EXPECT_TRUE(propertyListValuesEqual(expected, *back)) << propertyListDescription(*back).toStdString();
+        EXPECT_TRUE(propertyListValuesEqual(expectedFor(all), *back));
     }
 }
 

@@ -39,6 +39,4 @@ TEST(NBTimestamp, CountsMicrosecondsSince2001) {
     EXPECT_EQ(timestampForDate(early), -750000);
     EXPECT_EQ(dateForTimestamp(-750000), early);
     EXPECT_EQ(dateForTimestamp(-750001), early.addMSecs(-1));
-    EXPECT_EQ(timestampForDistantPast(), std::numeric_limits<std::int64_t>::min());
-    EXPECT_EQ(timestampForDistantFuture(), std::numeric_limits<std::int64_t>::max());
 }
