@@ -4,8 +4,8 @@
 // - `paragraphs`, against looking the same 10,000 infos up in a plain QVariantMap;
 // - inserting one paragraph at the front (the caller's time: the log is written on the store's queue),
 //   against a QVariantMap insert plus a QStringList prepend of the same data, and against encoding the
-//   10,000-entry layout as a binary property list, which the store does on the caller's thread for every
-//   edit that changes the order;
+//   10,000-entry layout as a binary property list, which the store does for every edit that changes the
+//   order (on its database queue, beside the caller);
 // - documentChangeSinceTimestamp over the last 100 edits, against a raw SQLite read of those rows;
 // - another device's sync step after one edit (a paragraph's text, or an insertion that logs a new layout)
 //   in a document whose layout was already rewritten 100 times, against a raw SQLite read of the new rows.

@@ -199,7 +199,7 @@ void NBDocument::modifyMetadata(const QVariantMap& metadata) {
             qCWarning(lcDocument).noquote() << nbFormat(
                 "Ignoring invalid metadata key '%@' for document at path %@", entry.key(), storePath());
     }
-    runTransaction([&] { setEntriesFromDictionary(valid); });
+    setEntriesFromDictionary(valid);
 }
 
 QVariant NBDocument::metadataValueForKey(const QString& key) const {
@@ -261,12 +261,17 @@ QVariantList NBDocument::layoutValueFromMemory() const {
 }
 
 qsizetype NBDocument::indexOfUUID(const QVariantList& layout, const QString& uuid) {
-    // Compares the strings in place: converting 10,000 QVariants to QString for one edit costs more than
-    // the edit itself.
+    // Compares the strings in place (converting 10,000 QVariants to QString for one edit costs more than the
+    // edit itself), and their first characters before the strings: UUIDs all have one length, so a plain
+    // comparison calls into Qt for every entry, while the first character already rules out 15 in 16.
+    const qsizetype length = uuid.size();
+    const QChar first = length > 0 ? uuid.front() : QChar();
     for (qsizetype index = 0; index < layout.size(); ++index) {
         const QVariant& item = layout.at(index);
-        if (item.metaType().id() == QMetaType::QString &&
-            *static_cast<const QString*>(item.constData()) == uuid)
+        if (item.typeId() != QMetaType::QString)
+            continue;
+        const QString& text = *static_cast<const QString*>(item.constData());
+        if (text.size() == length && (length == 0 || text.front() == first) && text == uuid)
             return index;
     }
     return -1;
@@ -310,9 +315,16 @@ std::optional<NBParagraph> NBDocument::paragraphWithUUID(const QString& uuid) co
     return NBParagraph::paragraphWithUUID(uuid, info.toMap());
 }
 
+void NBDocument::editInMemory(const std::function<void()>& block) {
+    memoryQueue_->dispatchSynchronously(block);
+}
+
 void NBDocument::insertParagraphs(const QList<NBParagraph>& paragraphs, const QString& beforeParagraphUUID) {
-    runTransaction([&] {
+    editInMemory([&] {
         QVariantList layout = layoutValueFromMemory();
+        // The index is that of the given paragraph before anything moves, and each paragraph goes there in
+        // turn: a paragraph moved forward, from before the given one, thus lands after it, since taking it
+        // out shifts the given one down by one (at most to the end).
         qsizetype index = beforeParagraphUUID.isEmpty() ? -1 : indexOfUUID(layout, beforeParagraphUUID);
         if (index < 0)
             index = layout.size();
@@ -333,14 +345,12 @@ void NBDocument::insertParagraphs(const QList<NBParagraph>& paragraphs, const QS
             }
             values.insert(uuid, paragraph.info());
             const qsizetype existing = !many || present.contains(uuid) ? indexOfUUID(layout, uuid) : -1;
-            if (existing >= 0) {
-                // A move: the UUID leaves its old place, so the layout never lists it twice.
+            // A move: the UUID leaves its old place, so the layout never lists it twice.
+            if (existing >= 0)
                 layout.removeAt(existing);
-                if (existing < index)
-                    --index;
-            }
             if (many)
                 present.insert(uuid);
+            index = std::min(index, layout.size());
             layout.insert(index++, uuid);
         }
         if (values.isEmpty())
@@ -356,7 +366,7 @@ void NBDocument::insertParagraph(const NBParagraph& paragraph, const QString& be
 
 void NBDocument::insertParagraphAfterParagraphWithUUID(const NBParagraph& paragraph,
                                                        const QString& afterParagraphUUID) {
-    runTransaction([&] {
+    editInMemory([&] {
         const QVariantList layout = layoutValueFromMemory();
         const qsizetype index = indexOfUUID(layout, afterParagraphUUID);
         const QString before =
@@ -372,7 +382,7 @@ void NBDocument::appendParagraph(const NBParagraph& paragraph) {
 void NBDocument::modifyParagraph(const NBParagraph& paragraph) {
     if (paragraph.uuid().isEmpty())
         return;
-    runTransaction([&] {
+    editInMemory([&] {
         if (indexOfUUID(layoutValueFromMemory(), paragraph.uuid()) >= 0)
             setPropertyListValue(paragraph.info(), paragraph.uuid());
     });
@@ -383,7 +393,7 @@ void NBDocument::removeParagraph(const NBParagraph& paragraph) {
 }
 
 void NBDocument::removeParagraphWithUUID(const QString& uuid) {
-    runTransaction([&] {
+    editInMemory([&] {
         QVariantList layout = layoutValueFromMemory();
         bool removed = false;
         for (qsizetype index = indexOfUUID(layout, uuid); index >= 0; index = indexOfUUID(layout, uuid)) {
@@ -437,10 +447,10 @@ QList<NBParagraph> NBDocument::paragraphsForDay(const NBDay& day) const {
 }
 
 void NBDocument::appendParagraph(const NBParagraph& paragraph, const NBDay& day) {
-    runTransaction([&] { appendParagraphToDayInTransaction(paragraph, day); });
+    editInMemory([&] { appendParagraphToDayInMemory(paragraph, day); });
 }
 
-void NBDocument::appendParagraphToDayInTransaction(const NBParagraph& paragraph, const NBDay& day) {
+void NBDocument::appendParagraphToDayInMemory(const NBParagraph& paragraph, const NBDay& day) {
     // The readable paragraphs of the layout, with the days of day paragraphs; the others are not rebuilt,
     // so that placing a paragraph in a long document stays cheap.
     struct Entry {

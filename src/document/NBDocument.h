@@ -26,9 +26,10 @@
 // NBDocumentChange built from what a sync brought in.
 //
 // Threads. Every operation may be called from any thread; reads and edits run on the store's memory queue,
-// edits that read before they write (inserting, moving, modifying) run as one transaction, so two threads
-// never interleave inside one edit. Do not call the synchronous store operations that reach the database
-// (loadNow, saveNow, documentChangeSinceTimestamp, ...) from inside runTransaction().
+// edits that read before they write (inserting, moving, modifying) run as one step there and write once, so
+// two threads never interleave inside one edit and each edit is one change notification. Do not call the
+// synchronous store operations that reach the database (loadNow, saveNow, documentChangeSinceTimestamp, ...)
+// from inside runTransaction().
 #pragma once
 
 #include "document/NBDay.h"
@@ -45,6 +46,7 @@
 #include <QStringList>
 #include <QVariantMap>
 
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -128,8 +130,11 @@ public:
     // The stored paragraph under `uuid`, listed in the layout or not; nothing when absent or unreadable.
     std::optional<NBParagraph> paragraphWithUUID(const QString& uuid) const;
 
-    // Stores each paragraph and places it before `uuid` (null or not found: at the end), in order. A
-    // paragraph already in the layout is moved, never duplicated. One transaction, one layout write.
+    // Stores each paragraph and places it, in order, at the index that `uuid` has in the layout (null or not
+    // found: the end), advancing the index after each. A paragraph already in the layout is moved, never
+    // duplicated: it is taken out of its old place first, without shifting the index, so one moved forward
+    // (from before `uuid`) lands after `uuid`, and one moved backward lands before it. An index past the
+    // end after such removals means the end. One step, one layout write.
     void insertParagraphs(const QList<NBParagraph>& paragraphs, const QString& beforeParagraphUUID);
     void insertParagraph(const NBParagraph& paragraph, const QString& beforeParagraphUUID);
     void insertParagraphAfterParagraphWithUUID(const NBParagraph& paragraph,
@@ -246,6 +251,10 @@ protected:
     static QVariantList variantListFromStringList(const QStringList& list);
 
 private:
+    // Runs an edit that reads before it writes as one step on the memory queue, so that no other edit
+    // interleaves with it. The edit writes once (one timestamp, one change notification, made on the
+    // notification queue rather than the caller's thread); inside a transaction it joins the transaction's.
+    void editInMemory(const std::function<void()>& block);
     QStringList layoutFromMemory() const;
     // The stored layout as it is (empty when it is not an array), and a UUID's index in it (-1: absent).
     QVariantList layoutValueFromMemory() const;
@@ -274,7 +283,7 @@ private:
     // what the sync step keeps paragraphs for; when it has none (no log holds a layout, or the newest is not
     // an array) the in-memory layout is used.
     const LogLayout* newestLogLayout() const;
-    void appendParagraphToDayInTransaction(const NBParagraph& paragraph, const NBDay& day);
+    void appendParagraphToDayInMemory(const NBParagraph& paragraph, const NBDay& day);
     bool ensureTemporaryDirectory(NBError* outError) const;
     // The blob path of an attachment operation's paragraph, or the nil-paragraph or no-path failure.
     std::optional<QString> attachmentBlobPath(const NBParagraph& paragraph, NBError* outError) const;

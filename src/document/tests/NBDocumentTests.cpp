@@ -25,45 +25,69 @@ QStringList uuidsToLabels(const NBDocument& document, const QStringList& uuids) 
     return result;
 }
 
-TEST(NBDocument, InsertingMovesAndNeverDuplicatesALayoutEntry) {
+// Each paragraph goes to the index the given paragraph had before anything moved: moved backward it lands
+// before the given one, moved forward (taken out from before it) after it.
+TEST(NBDocument, InsertingPlacesAtTheGivenParagraphsIndexAndMovesWithoutDuplicating) {
     struct Case {
         const char* name;
         std::function<void(NBDocument&, const QHash<QString, NBParagraph>&)> edit;
         QStringList expected;
     };
+    const auto fresh = [](const char* content) { return NBParagraph::normalParagraphWithContent(content); };
     const std::vector<Case> cases = {
-        {"move before a later one",
+        {"backward, before the given one",
+         [](auto& d, auto& p) { d.insertParagraph(p["D"], p["B"].uuid()); },
+         {"A", "D", "B", "C", "E"}},
+        {"to the front",
+         [](auto& d, auto& p) { d.insertParagraph(p["E"], p["A"].uuid()); },
+         {"E", "A", "B", "C", "D"}},
+        {"forward, after the given one",
          [](auto& d, auto& p) { d.insertParagraph(p["B"], p["D"].uuid()); },
-         {"A", "C", "B", "D"}},
-        {"move to the front",
-         [](auto& d, auto& p) { d.insertParagraph(p["D"], p["A"].uuid()); },
-         {"D", "A", "B", "C"}},
-        {"several, in order, before one of them",
+         {"A", "C", "D", "B", "E"}},
+        {"forward by one",
+         [](auto& d, auto& p) { d.insertParagraph(p["B"], p["C"].uuid()); },
+         {"A", "C", "B", "D", "E"}},
+        {"forward, given the last",
+         [](auto& d, auto& p) { d.insertParagraph(p["A"], p["E"].uuid()); },
+         {"B", "C", "D", "E", "A"}},
+        {"before itself",
+         [](auto& d, auto& p) { d.insertParagraph(p["B"], p["B"].uuid()); },
+         {"A", "B", "C", "D", "E"}},
+        {"several forward, the index past the end",
+         [](auto& d, auto& p) {
+             d.insertParagraphs({p["A"], p["B"]}, p["E"].uuid());
+         },
+         {"C", "D", "E", "A", "B"}},
+        {"several, one from after and one from before",
          [](auto& d, auto& p) {
              d.insertParagraphs({p["C"], p["A"]}, p["B"].uuid());
          },
-         {"C", "A", "B", "D"}},
-        {"before itself",
-         [](auto& d, auto& p) { d.insertParagraph(p["B"], p["B"].uuid()); },
-         {"A", "B", "C", "D"}},
-        {"append an existing one", [](auto& d, auto& p) { d.appendParagraph(p["A"]); }, {"B", "C", "D", "A"}},
-        {"after",
-         [](auto& d, auto& p) { d.insertParagraphAfterParagraphWithUUID(p["D"], p["A"].uuid()); },
-         {"A", "D", "B", "C"}},
-        {"after the last",
-         [](auto& d, auto& p) {
-             d.insertParagraphAfterParagraphWithUUID(NBParagraph::normalParagraphWithContent("E"),
-                                                     p["D"].uuid());
+         {"C", "B", "A", "D", "E"}},
+        {"a new one among existing ones",
+         [&](auto& d, auto& p) {
+             d.insertParagraphs({fresh("F"), p["A"]}, p["C"].uuid());
          },
-         {"A", "B", "C", "D", "E"}},
+         {"B", "F", "C", "A", "D", "E"}},
+        {"append an existing one",
+         [](auto& d, auto& p) { d.appendParagraph(p["A"]); },
+         {"B", "C", "D", "E", "A"}},
+        {"after, backward",
+         [](auto& d, auto& p) { d.insertParagraphAfterParagraphWithUUID(p["D"], p["A"].uuid()); },
+         {"A", "D", "B", "C", "E"}},
+        {"after, forward",
+         [](auto& d, auto& p) { d.insertParagraphAfterParagraphWithUUID(p["A"], p["B"].uuid()); },
+         {"B", "C", "A", "D", "E"}},
+        {"after the last",
+         [&](auto& d, auto& p) { d.insertParagraphAfterParagraphWithUUID(fresh("F"), p["E"].uuid()); },
+         {"A", "B", "C", "D", "E", "F"}},
         {"before an unknown UUID goes to the end",
-         [](auto& d, auto&) { d.insertParagraph(NBParagraph::normalParagraphWithContent("E"), "nowhere"); },
-         {"A", "B", "C", "D", "E"}},
+         [&](auto& d, auto&) { d.insertParagraph(fresh("F"), "nowhere"); },
+         {"A", "B", "C", "D", "E", "F"}},
     };
     for (const Case& test : cases) {
         auto document = NBExperiment::inMemoryExperiment();
         QHash<QString, NBParagraph> byLabel;
-        for (const NBParagraph& paragraph : paragraphsFromLabels({"A", "B", "C", "D"})) {
+        for (const NBParagraph& paragraph : paragraphsFromLabels({"A", "B", "C", "D", "E"})) {
             byLabel.insert(paragraph.content(), paragraph);
             document->appendParagraph(paragraph);
         }
