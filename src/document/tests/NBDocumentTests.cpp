@@ -208,28 +208,22 @@ TEST(NBDocument, AppendingToADayCoversEachPlacement) {
          {"intro", "day 2024-03-07", "a"},
          day5,
          {"day 2024-03-05", "X", "intro", "day 2024-03-07", "a"}},
+        // A day listed twice (two devices each added it): after what paragraphsForDay() gives for it, the
+        // paragraphs under its first day paragraph.
+        {"repeated day",
+         {"day 2024-03-07", "a", "day 2024-03-07", "b"},
+         day7,
+         {"day 2024-03-07", "a", "X", "day 2024-03-07", "b"}},
+        {"repeated day, empty first",
+         {"day 2024-03-07", "day 2024-03-07", "b"},
+         day7,
+         {"day 2024-03-07", "day 2024-03-07", "X", "b"}},
     };
     for (const Case& test : cases) {
         auto document = NBExperiment::inMemoryExperiment();
         document->insertParagraphs(paragraphsFromLabels(test.before), QString());
         document->appendParagraph(NBParagraph::normalParagraphWithContent("X"), test.day);
         EXPECT_EQ(labels(document->paragraphs()), test.expected) << test.name;
-    }
-}
-
-TEST(NBDocument, AppendingToARepeatedDayGoesAfterWhatParagraphsForDayGives) {
-    // A day listed twice (two devices each added it): the paragraph follows the paragraphs that
-    // paragraphsForDay() lists for that day, those under its first day paragraph.
-    const NBDay day7 = calendarDay(2024, 3, 7);
-    const std::vector<std::pair<QStringList, QStringList>> cases = {
-        {{"day 2024-03-07", "a", "day 2024-03-07", "b"}, {"day 2024-03-07", "a", "X", "day 2024-03-07", "b"}},
-        {{"day 2024-03-07", "day 2024-03-07", "b"}, {"day 2024-03-07", "day 2024-03-07", "X", "b"}},
-    };
-    for (const auto& [before, expected] : cases) {
-        auto document = NBExperiment::inMemoryExperiment();
-        document->insertParagraphs(paragraphsFromLabels(before), QString());
-        document->appendParagraph(NBParagraph::normalParagraphWithContent("X"), day7);
-        EXPECT_EQ(labels(document->paragraphs()), expected) << before.join(", ").toStdString();
     }
 }
 

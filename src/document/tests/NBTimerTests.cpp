@@ -84,31 +84,6 @@ TEST(NBTimerTests, CountdownPausedAndResumedKeepsItsRemainingTime) {
     EXPECT_EQ(timer, NBTimer::countdownTimerWithDuration(90.0));
 }
 
-TEST(NBTimerTests, RunningTimerKeepsCountingAfterBeingStoredAndRebuilt) {
-    NBTimer timer = NBTimer::countdownTimerWithDuration(NBTime::durationWithMilliseconds(600000));
-    timer.setAppearance(NBTimerAppearance::Progress);
-    timer.start(kStart);
-    QVariantMap info = {{QStringLiteral("type"), QStringLiteral("normal")},
-                        {QStringLiteral("content"), QStringLiteral("Incubate 10 min")},
-                        {QStringLiteral("timerDuration"), qint64(1)}};
-    timer.writeToInfo(info);
-
-    EXPECT_EQ(info.value(QStringLiteral("content")), QStringLiteral("Incubate 10 min"));
-    EXPECT_EQ(info.value(QStringLiteral("timerDuration")).metaType().id(), QMetaType::LongLong);
-    EXPECT_EQ(info.value(QStringLiteral("timerElapsed")).metaType().id(), QMetaType::LongLong);
-    EXPECT_EQ(info.value(QStringLiteral("timerStart")).metaType().id(), QMetaType::QDateTime);
-    EXPECT_EQ(info.value(QStringLiteral("timerAppearance")), QStringLiteral("progress"));
-    EXPECT_FALSE(info.contains(QStringLiteral("timerStop")));
-
-    // Opened later, as on another device.
-    const std::optional<NBTimer> rebuilt = NBTimer::timerWithInfo(info);
-    ASSERT_TRUE(rebuilt);
-    EXPECT_EQ(*rebuilt, timer);
-    EXPECT_TRUE(rebuilt->isRunning());
-    EXPECT_EQ(rebuilt->remainingTime(after(450))->durationInMilliseconds(), 150000);
-    EXPECT_EQ(rebuilt->displayString(after(450)), QStringLiteral("2:30"));
-}
-
 TEST(NBTimerTests, ReadsStoredTimers) {
     const QDateTime later = after(100);
     const struct {
