@@ -260,6 +260,19 @@ QVariantList NBDocument::layoutValueFromMemory() const {
     return value.metaType().id() == QMetaType::QVariantList ? value.toList() : QVariantList();
 }
 
+QVariantList NBDocument::takeLayoutForEdit(bool* outTaken) {
+    *outTaken = false;
+    if (isReadOnly())
+        return layoutValueFromMemory();
+    const auto found = memory_.find(layoutKey());
+    if (found == memory_.end() || found.value().typeId() != QMetaType::QVariantList)
+        return layoutValueFromMemory();
+    QVariantList layout = std::move(*static_cast<QVariantList*>(found.value().data()));
+    memory_.erase(found);
+    *outTaken = true;
+    return layout;
+}
+
 qsizetype NBDocument::indexOfUUID(const QVariantList& layout, const QString& uuid) {
     // Compares the strings in place (converting 10,000 QVariants to QString for one edit costs more than the
     // edit itself), and their first characters before the strings: UUIDs all have one length, so a plain
@@ -321,7 +334,8 @@ void NBDocument::editInMemory(const std::function<void()>& block) {
 
 void NBDocument::insertParagraphs(const QList<NBParagraph>& paragraphs, const QString& beforeParagraphUUID) {
     editInMemory([&] {
-        QVariantList layout = layoutValueFromMemory();
+        bool taken = false;
+        QVariantList layout = takeLayoutForEdit(&taken);
         // The index is that of the given paragraph before anything moves, and each paragraph goes there in
         // turn: a paragraph moved forward, from before the given one, thus lands after it, since taking it
         // out shifts the given one down by one (at most to the end).
@@ -353,9 +367,12 @@ void NBDocument::insertParagraphs(const QList<NBParagraph>& paragraphs, const QS
             index = std::min(index, layout.size());
             layout.insert(index++, uuid);
         }
-        if (values.isEmpty())
+        if (values.isEmpty()) {
+            if (taken)
+                memory_.insert(layoutKey(), layout); // nothing was inserted: the layout is as it was
             return;
-        values.insert(layoutKey(), layout);
+        }
+        values.insert(layoutKey(), std::move(layout));
         setEntriesFromDictionary(values);
     });
 }
@@ -394,14 +411,17 @@ void NBDocument::removeParagraph(const NBParagraph& paragraph) {
 
 void NBDocument::removeParagraphWithUUID(const QString& uuid) {
     editInMemory([&] {
-        QVariantList layout = layoutValueFromMemory();
+        bool taken = false;
+        QVariantList layout = takeLayoutForEdit(&taken);
         bool removed = false;
         for (qsizetype index = indexOfUUID(layout, uuid); index >= 0; index = indexOfUUID(layout, uuid)) {
             layout.removeAt(index);
             removed = true;
         }
         if (removed)
-            setPropertyListValue(layout, layoutKey());
+            setPropertyListValue(std::move(layout), layoutKey());
+        else if (taken)
+            memory_.insert(layoutKey(), layout); // not listed: the layout is as it was
     });
 }
 

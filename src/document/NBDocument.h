@@ -259,6 +259,12 @@ private:
     // The stored layout as it is (empty when it is not an array), and a UUID's index in it (-1: absent).
     QVariantList layoutValueFromMemory() const;
     static qsizetype indexOfUUID(const QVariantList& layout, const QString& uuid);
+    // The layout for an edit that rewrites it (memory queue). The value is taken out of the in-memory view,
+    // so that the edit changes the view's own list in place rather than a copy of every entry (the view is
+    // then the only holder of the list, unless a save or a notification still holds the previous edit's).
+    // The edit must then write the layout, or put it back when it writes nothing. A read-only store, which
+    // refuses writes, and a layout that is not an array are read as layoutValueFromMemory() reads them.
+    QVariantList takeLayoutForEdit(bool* outTaken);
     // Builds the change of a set of key-values (keys of one timestamp or of a merged range).
     NBDocumentChange documentChangeWithValues(NBTimestamp timestamp, const QVariantMap& values,
                                               const QString& documentUUID) const;
