@@ -83,6 +83,13 @@ TEST(NBDocument, InsertingPlacesAtTheGivenParagraphsIndexAndMovesWithoutDuplicat
         {"before an unknown UUID goes to the end",
          [&](auto& d, auto&) { d.insertParagraph(fresh("F"), "nowhere"); },
          {"A", "B", "C", "D", "E", "F"}},
+        // Edits that end up writing nothing leave the layout as it was.
+        {"only a paragraph without UUID",
+         [](auto& d, auto& p) { d.insertParagraph(NBParagraph(), p["B"].uuid()); },
+         {"A", "B", "C", "D", "E"}},
+        {"remove one not listed",
+         [&](auto& d, auto&) { d.removeParagraph(fresh("F")); },
+         {"A", "B", "C", "D", "E"}},
     };
     for (const Case& test : cases) {
         auto document = NBExperiment::inMemoryExperiment();
