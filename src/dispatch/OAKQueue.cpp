@@ -356,6 +356,10 @@ private:
                 lock.lock();
                 if (!keepWatching && watchRequests_ == requests)
                     watchingPool_ = false;
+                // Shutdown may have been asked for while the lock was released; its wake-up is gone, and
+                // waiting now would hold up the exit until the next timer is due (a minute, for a store).
+                if (stopping_)
+                    break;
             }
             std::optional<Clock::time_point> deadline;
             if (!schedule_.empty())
