@@ -127,6 +127,10 @@ struct NBFileEventStreamState {
     const void* context = nullptr;
     std::atomic<bool> running{true};
     std::atomic<bool> polling{false};
+    // Set while a polling stream goes back to watching: its watches are being added and the tree is then
+    // compared with the last poll. Inotify events are handled meanwhile, but a flush is not served until the
+    // comparison has recorded what changed before the watches existed.
+    bool resuming = false;
     // Changes at every switch between watching and polling, so that a walk that released the engine's
     // mutex can tell that the stream changed course meanwhile.
     std::uint64_t generation = 0;
@@ -608,17 +612,25 @@ void Engine::resumeWatching(const StreamPointer& stream, std::uint64_t ticket) {
     // Runs right after a poll, with pollMutex held. The watches are added first and the tree is compared
     // with the last poll afterwards: a change made before a folder's watch existed is found by the
     // comparison, a later one by inotify, and one that both see lands in the same pending event.
-    runPollHook(stream->rootPath, true);
     std::unique_lock lock(mutex_);
     if (!stream->running)
         return;
     std::uint64_t generation = ++stream->generation;
     stream->polling = false;
-    int error = watchTree(*stream, stream->rootPath, false, true, &lock, generation);
+    stream->resuming = true;
+    lock.unlock();
+    runPollHook(stream->rootPath, true);
+    lock.lock();
+    int error = stream->running && stream->generation == generation
+                    ? watchTree(*stream, stream->rootPath, false, true, &lock, generation)
+                    : ECANCELED;
     // Stopped, or fell back again meanwhile (its new baseline reports a rescan).
-    if (!stream->running || stream->generation != generation)
+    if (!stream->running || stream->generation != generation) {
+        stream->resuming = false;
         return;
+    }
     if (error) {
+        stream->resuming = false;
         // Still impossible. The last poll stays the baseline, so the next poll reports whatever changed
         // during this attempt.
         unwatchAll(*stream);
@@ -632,6 +644,7 @@ void Engine::resumeWatching(const StreamPointer& stream, std::uint64_t ticket) {
     lock.unlock();
     NBFileSnapshot snapshot = nbFileSnapshotOfPath(stream->rootPath);
     lock.lock();
+    stream->resuming = false;
     if (!stream->running || stream->generation != generation)
         return;
     recordDifferences(*stream, snapshot);
@@ -679,7 +692,7 @@ void Engine::run() {
             std::optional<Clock::time_point> nearest;
             for (const auto& [identifier, stream] : streams_) {
                 if (stream->flushReady > stream->flushServed ||
-                    (!stream->polling && stream->flushRequested > stream->flushServed))
+                    (!stream->polling && !stream->resuming && stream->flushRequested > stream->flushServed))
                     nearest = now;
                 if (stream->deadline && (!nearest || *stream->deadline < *nearest))
                     nearest = stream->deadline;
@@ -717,8 +730,8 @@ void Engine::run() {
             auto now = Clock::now();
             for (const auto& [identifier, stream] : streams_) {
                 // A watching stream's changes up to now have just been read; a polling stream's flush is
-                // ready once the polling thread has polled it.
-                if (!stream->polling)
+                // ready once the polling thread has polled it, and a resuming one's once it has compared.
+                if (!stream->polling && !stream->resuming)
                     stream->flushReady = stream->flushRequested;
                 if (stream->flushReady > stream->flushServed ||
                     (stream->deadline && now >= *stream->deadline))

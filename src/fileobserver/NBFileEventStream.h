@@ -97,8 +97,9 @@ public:
     // it to make the queue overflow for real); once this returns, no read is under way.
     static void setPausesReading(bool pauses);
     // Called on the polling thread just before it walks a polled tree: with resumingWatch false before a
-    // poll, true before an attempt to watch the tree again. Tests use it to hold a poll in progress or to
-    // change the tree at a chosen moment.
+    // poll, true before an attempt to watch the tree again (the stream then no longer counts as polling, and
+    // none of its watches exist yet). Tests use it to hold a poll in progress or to change the tree at a
+    // chosen moment.
     using PollHook = std::function<void(const QString& path, bool resumingWatch)>;
     static void setPollHook(PollHook hook);
 

@@ -11,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -481,17 +482,39 @@ TEST_F(NBFileObserverTest, StreamShortOfWatchesPollsUntilItCanWatchAgain) {
             << qPrintable(describe(eventLog->all()));
 
         // Watching becomes possible again. A change made after the last poll, just before the watches
-        // exist, is reported all the same.
+        // exist, is reported all the same, and a flush asked for meanwhile returns only once it has been.
+        struct Flush {
+            std::mutex mutex;
+            std::condition_variable changed;
+            bool done = false, sawRaced = false;
+            std::thread thread;
+        };
+        auto flush = std::make_shared<Flush>();
         auto attempted = std::make_shared<std::atomic<long>>(-1);
+        NBFileObserver* flushed = observer.get();
         NBFileEventStream::setPollHook([=](const QString& path, bool resumingWatch) {
             if (!resumingWatch || path != root || *attempted >= 0)
                 return;
             if (!treeShrinks)
                 NBFileObserver::setWatchLimit(0);
             *attempted = long(eventLog->size());
-            QFile raced(root + "/b/raced.txt");
-            if (raced.open(QIODevice::WriteOnly))
-                raced.write("raced");
+            {
+                QFile raced(root + "/b/raced.txt");
+                if (raced.open(QIODevice::WriteOnly))
+                    raced.write("raced");
+            }
+            std::unique_lock lock(flush->mutex);
+            flush->thread = std::thread([=] {
+                flushed->flushSynchronously();
+                const auto events = eventLog->all();
+                std::lock_guard guard(flush->mutex);
+                flush->sawRaced = std::any_of(events.begin() + attempted->load(), events.end(),
+                                              [&](const auto& event) { return event.path() == root + "/b"; });
+                flush->done = true;
+                flush->changed.notify_all();
+            });
+            // Long enough for a flush served too early to have returned.
+            flush->changed.wait_for(lock, 1s, [&] { return flush->done; });
         });
         if (treeShrinks) {
             ASSERT_TRUE(QDir(root + "/c").removeRecursively());
@@ -500,6 +523,16 @@ TEST_F(NBFileObserverTest, StreamShortOfWatchesPollsUntilItCanWatchAgain) {
         std::size_t fromAttempt = std::size_t(std::max(0L, attempted->load()));
         EXPECT_TRUE(eventLog->waitForPath(root + "/b", 0, fromAttempt))
             << qPrintable(describe(eventLog->all()));
+        const bool flushReturned = waitUntil([&] {
+            std::lock_guard lock(flush->mutex);
+            return flush->done;
+        });
+        EXPECT_TRUE(flushReturned);
+        if (!flushReturned)
+            observer->tearDown(); // a stopped stream's flush returns
+        if (flush->thread.joinable())
+            flush->thread.join();
+        EXPECT_TRUE(flush->sawRaced);
 
         // No flood on the way back: only folders that changed, each once.
         waitOutQuietPeriod();
