@@ -12,6 +12,8 @@
 #include <SQLiteCpp/SQLiteCpp.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
+
 #include <csignal>
 #include <limits>
 
@@ -171,7 +173,13 @@ TEST(OAKStore, SaveAndSyncTimersRunAfterTheLastStepAndAtLeastEveryCoalesceInterv
             };
             const int steps = continuous ? 60 : 10;
             std::vector<std::size_t> runsOverTime;
+            // A machine too loaded to keep the steps closer than the delay gives no burst to check.
+            auto previousStep = std::chrono::steady_clock::now();
+            bool quietSpell = false;
             for (int step = 1; step <= steps; ++step) {
+                const auto now = std::chrono::steady_clock::now();
+                quietSpell = quietSpell || now - previousStep > std::chrono::milliseconds(700);
+                previousStep = now;
                 writer->setPropertyListValue(qint64(step), QStringLiteral("counter"));
                 if (sync) {
                     ASSERT_TRUE(writer->saveNow());
@@ -187,10 +195,14 @@ TEST(OAKStore, SaveAndSyncTimersRunAfterTheLastStepAndAtLeastEveryCoalesceInterv
                     EXPECT_GT(runsOverTime[index], runsOverTime[index - 40])
                         << "nothing for 4 s before " << index;
             } else {
-                EXPECT_EQ(runsOverTime.back(), 0u) << "ran while the burst went on";
-                EXPECT_TRUE(waitFor([&] { return runs() == 1; }, 8));
-                QThread::msleep(1500);
-                EXPECT_EQ(runs(), 1u);
+                if (!quietSpell) {
+                    EXPECT_EQ(runsOverTime.back(), 0u) << "ran while the burst went on";
+                    EXPECT_TRUE(waitFor([&] { return runs() == 1; }, 8));
+                    QThread::msleep(1500);
+                    EXPECT_EQ(runs(), 1u);
+                } else {
+                    EXPECT_TRUE(waitFor([&] { return runs() >= 1; }, 8));
+                }
                 OAKStore& holder = sync ? *reader : *writer;
                 EXPECT_EQ(holder.propertyListValueForKey(QStringLiteral("counter")).toLongLong(), steps);
                 EXPECT_EQ(writer->changesSinceTimestamp(timestampForDistantPast()).size(),
