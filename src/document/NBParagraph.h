@@ -177,6 +177,14 @@ public:
     // "{upper-roman}", and its number suffix. Empty outside a list and for a list without markers.
     static QString markerFormatForTextBlock(const QTextBlock& block);
 
+    // ---- Pasted HTML (NBParagraphHTML.cpp, which documents the Word list forms read) ----
+    // Replaces the document's content with the HTML as Qt's reader reads it, except that the list
+    // paragraphs of Microsoft Word (paragraphs styled "mso-list:lN levelM" whose marker sits in a
+    // conditional "supportLists" section) become items of text lists, without their marker text.
+    static void setAttributedStringFromHTMLString(QTextDocument& document, QStringView html);
+    // The paragraphs of pasted HTML: setAttributedStringFromHTMLString, then paragraphsFromAttributedString.
+    static QList<NBParagraph> paragraphsFromHTMLString(QStringView html);
+
     // ---- Lists and the outline (what the document runs over its paragraphs in order) ----
     // Numbers the numbered items: sets listItemIndex of every number paragraph (0 for the first item of a
     // list); notes, warnings, errors, attachments and tables neither count nor end a list; headings,

@@ -175,3 +175,122 @@ TEST(NBParagraphRichText, CharacterStylesSurviveAsMarkup) {
     EXPECT_EQ(paragraphs[0].content(), expected.markupString());
     EXPECT_EQ(paragraphs[0].styledContent(), expected);
 }
+
+namespace {
+
+// One list paragraph as Word pastes it: the marker and its spacing in a conditional section (or, with
+// `comment`, in its comment form) before the text.
+QString wordItem(const QString& style, const QString& markerSpan, const QString& text, bool comment = false) {
+    return QStringLiteral("<p class=MsoListParagraphCxSpMiddle style='%1'>%2%3%4%5<o:p></o:p></p>")
+        .arg(style, comment ? "<!--[if !supportLists]-->" : "<![if !supportLists]>", markerSpan,
+             comment ? "<!--[endif]-->" : "<![endif]>", text);
+}
+
+// Word's marker span: the marker text, then the spacing span.
+QString wordMarker(const QString& marker, const QString& font = QString()) {
+    const QString spaced =
+        QStringLiteral("<span style='mso-list:Ignore'>%1<span style='font:7.0pt \"Times New "
+                       "Roman\"'>&nbsp;&nbsp;&nbsp;&nbsp;&nbsp; </span></span>")
+            .arg(marker);
+    if (font.isEmpty())
+        return spaced;
+    return QStringLiteral("<span style='font-family:%1;mso-fareast-font-family:%1'>%2</span>")
+        .arg(font, spaced);
+}
+
+// Each block's list as "marker format#n", n numbering the distinct lists in order; "-" outside lists.
+QString listsOfDocument(const QTextDocument& document) {
+    QList<const QTextList*> lists;
+    QStringList parts;
+    for (QTextBlock block = document.begin(); block.isValid(); block = block.next()) {
+        const QTextList* list = block.textList();
+        if (!list) {
+            parts << "-";
+            continue;
+        }
+        if (!lists.contains(list))
+            lists << list;
+        parts << NBParagraph::markerFormatForTextBlock(block) + "#" +
+                     QString::number(lists.indexOf(list) + 1);
+    }
+    return parts.join(" ");
+}
+
+} // namespace
+
+TEST(NBParagraphRichText, WordListParagraphsBecomeLists) {
+    const QString level1 = "text-indent:-.25in;mso-list:l0 level1 lfo1";
+    const struct {
+        QString html;
+        const char* expected;
+        const char* lists;
+    } cases[] = {
+        // A numbered list with lettered lists inside it: numbering goes on after an inner list, and the next
+        // inner list starts afresh. Word wraps its lines, so text may start after a line break.
+        {"<p class=MsoNormal>Steps:</p>\n"
+         "<p class=MsoListParagraphCxSpFirst style='text-indent:-.25in;mso-list:l0 level1 lfo1'><![if "
+         "!supportLists]><span style='mso-bidi-font-family:Calibri'><span style='mso-list:Ignore'>1.<span "
+         "style='font:7.0pt \"Times New Roman\"'>&nbsp;&nbsp;&nbsp;&nbsp;&nbsp; "
+         "</span></span></span><![endif]>\nThaw the <b>cells</b><o:p></o:p></p>\n" +
+             wordItem("margin-left:1.0in;text-indent:-.25in;mso-list:l0 level2 lfo1", wordMarker("a."),
+                      "Water bath at 37&nbsp;°C") +
+             wordItem("margin-left:1.0in;text-indent:-.25in;mso-list:l0 level2 lfo1", wordMarker("b)"),
+                      "Mix gently") +
+             wordItem(level1, wordMarker("2."), "Spin down") +
+             wordItem("margin-left:1.0in;mso-list:l0 level2 lfo1", wordMarker("a."), "Vortex"),
+         "normal:Steps: | number0:Thaw the <b>cells</b> | number1:Water bath at 37\u00A0°C | number1:Mix "
+         "gently | "
+         "number0:Spin down | number1:Vortex",
+         "- {decimal}.#1 {lower-alpha}.#2 {lower-alpha}.#2 {decimal}.#1 {lower-alpha}.#3"},
+        // Bullets in Symbol, Courier New and Wingdings fonts, in the comment form, three levels deep.
+        {wordItem("text-indent:-.25in;mso-list:l1 level1 lfo2", wordMarker("&middot;", "Symbol"), "Pipettes",
+                  true) +
+             wordItem("margin-left:1.0in;mso-list:l1 level2 lfo2", wordMarker("o", "\"Courier New\""), "Tips",
+                      true) +
+             wordItem("margin-left:1.5in;mso-list:l1 level3 lfo2", wordMarker("§", "Wingdings"),
+                      "Filter tips", true) +
+             wordItem("mso-list:l1 level1 lfo2", wordMarker("\xEF\x82\xB7", "Symbol"), "Gloves", true),
+         "bullet0:Pipettes | bullet1:Tips | bullet2:Filter tips | bullet0:Gloves",
+         "{disc}#1 {circle}#2 {square}#3 {disc}#1"},
+        // Roman and bracketed markers (a list starting at "c." is lettered); another list, a plain paragraph
+        // or a bullet among numbered items ends a list.
+        {wordItem("mso-list:l2 level1 lfo3", wordMarker("i."), "One") +
+             wordItem("mso-list:l2 level1 lfo3", wordMarker("ii."), "Two") +
+             wordItem("mso-list:l3 level1 lfo4", wordMarker("(A)"), "Other list") +
+             "<p class=MsoNormal>Note</p>" +
+             wordItem("mso-list:l3 level1 lfo4", wordMarker("1.2."), "Dotted") +
+             wordItem("mso-list:l3 level1 lfo4", wordMarker("&#8211;"), "Dash") +
+             wordItem("mso-list:l4 level1 lfo5", wordMarker("c."), "Third"),
+         "number0:One | number0:Two | number0:Other list | normal:Note | number0:Dotted | bullet0:Dash | "
+         "number0:Third",
+         "{lower-roman}.#1 {lower-roman}.#1 ({upper-alpha})#2 - {decimal}.#3 {hyphen}#4 {lower-alpha}.#5"},
+        // Without the conditional section Word's ignored span is the marker.
+        {"<p class=MsoListParagraph style='mso-list:l0 level1 lfo1'><span style='mso-list:Ignore'>3)<span "
+         "style='font:7.0pt \"Times New Roman\"'>&nbsp;&nbsp; </span></span>Spin <i>again</i></p>",
+         "number0:Spin <i>again</i>", "{decimal})#1"},
+        // Markers not read as list markers, and a list style without a marker, leave the paragraph as it was.
+        {wordItem(level1, wordMarker("Step&nbsp;1:"), "Label") +
+             wordItem(level1, wordMarker("12"), "Bare number") +
+             "<p class=MsoListParagraph style='mso-list:l0 level1 lfo1'>No marker</p>" +
+             wordItem("mso-list:l0 level0 lfo1", wordMarker("1."), "Level zero"),
+         "normal:Step\u00A01:\u00A0\u00A0\u00A0\u00A0\u00A0 Label | normal:12\u00A0\u00A0\u00A0\u00A0\u00A0 "
+         "Bare "
+         "number | normal:No marker | normal:1.\u00A0\u00A0\u00A0\u00A0\u00A0 Level zero",
+         "- - - -"},
+        // Malformed HTML: an unended section, an unclosed marker span, a forged item tag, a tag cut short.
+        {"<p style='mso-list:l0 level1 lfo1'><![if !supportLists]>1. Open</p>"
+         "<p style='mso-list:l0 level1 lfo1'><span style='mso-list:Ignore'>2. <span>x</p>"
+         "<p style='mso-list:l0 level1 lfo1'><![if !supportLists]>\xEF\xB7\x92"
+         "5\xEF\xB7\x93<![endif]>Tagged"
+         "<p style='mso-list:l0 level1",
+         "normal:1. Open | normal:2. x | normal:Tagged | normal:", "- - - -"},
+    };
+    for (const auto& testCase : cases) {
+        QTextDocument document;
+        NBParagraph::setAttributedStringFromHTMLString(document, testCase.html);
+        EXPECT_EQ(listsOfDocument(document).toStdString(), testCase.lists) << qPrintable(testCase.html);
+        EXPECT_EQ(summary(NBParagraph::paragraphsFromHTMLString(testCase.html)).toStdString(),
+                  testCase.expected)
+            << qPrintable(testCase.html);
+    }
+}
