@@ -49,7 +49,8 @@ Corpus generateCorpus(bool beyondBasicPlane) {
     const QStringList chemistry = QString("NaCl MgCl₂ H₂O CO2 Tris-HCl pH=7.4 [Ca2+] C6H12O6 H2SO4 NH4+ EDTA "
                                           "DMSO ﬁnal ﬂow １２３ ＲＮＡ 5′-UTR “quoted” 1:1000")
                                       .split(' ');
-    const QStringList supplementary = QString("🧪 😀 👍 𝛼-helix 𝑥² 𝐍𝐚𝐂𝐥 𝔼[X] 𠀀𠀁 𩸽 𐐀𐐨 🔬sample ✅done "
+    const QStringList supplementary = QString("🧪 😀 👍 𝛼-helix 𝑥² 𝐍𝐚𝐂𝐥 𝔼[X] 𠀀𠀁 𩸽 𐐀𐐨 🔬sample "
+                                              "✅done "
                                               "📌note")
                                           .split(' ');
     const QStringList punctuation = {" ", " ", " ", " ", " ", ", ", ". ", "; ", " – ", " (", ") "};

@@ -417,14 +417,20 @@ bool isPackage(const QString& path) {
     return QFileInfo(path + QLatin1Char('/') + QLatin1String(OAKDevicesDirectoryName)).isDir();
 }
 
-// Opens an existing package read-only and loads every key.
-std::shared_ptr<CommandStore> openForReading(const std::string& argument) {
+// The absolute path of an existing package, or the command fails saying what is there instead.
+QString existingPackagePath(const std::string& argument) {
     const QString path = absolutePackagePath(argument);
     if (!QFileInfo::exists(path))
         failCommand(QStringLiteral("no such package: %1").arg(path));
     if (!QFileInfo(path).isDir() || !isPackage(path))
         failCommand(QStringLiteral("not a package (no \"%1\" folder): %2")
                         .arg(QLatin1String(OAKDevicesDirectoryName), path));
+    return path;
+}
+
+// Opens an existing package read-only and loads every key.
+std::shared_ptr<CommandStore> openForReading(const std::string& argument) {
+    const QString path = existingPackagePath(argument);
     OAKStoreOptions options;
     options.readOnly = true;
     auto store = std::make_shared<CommandStore>(QUrl::fromLocalFile(path), QString(), options);
@@ -552,14 +558,8 @@ void runMerge(const std::string& destinationArgument, const std::string& sourceA
     const QString deviceIdentifier = QString::fromStdString(device);
     if (!OAKStore::isValidDeviceIdentifier(deviceIdentifier))
         failCommand(QStringLiteral("not a valid device identifier: \"%1\"").arg(deviceIdentifier));
-    for (const std::string& argument : {destinationArgument, sourceArgument}) {
-        const QString path = absolutePackagePath(argument);
-        if (!QFileInfo::exists(path))
-            failCommand(QStringLiteral("no such package: %1").arg(path));
-        if (!QFileInfo(path).isDir() || !isPackage(path))
-            failCommand(QStringLiteral("not a package (no \"%1\" folder): %2")
-                            .arg(QLatin1String(OAKDevicesDirectoryName), path));
-    }
+    for (const std::string& argument : {destinationArgument, sourceArgument})
+        existingPackagePath(argument);
     QStringList unsafeDevices;
     for (const std::string& identifier : unsafe)
         unsafeDevices << QString::fromStdString(identifier);
@@ -589,12 +589,7 @@ void runWatch(const std::string& package, const std::string& device) {
     const QString deviceIdentifier = QString::fromStdString(device);
     if (!OAKStore::isValidDeviceIdentifier(deviceIdentifier))
         failCommand(QStringLiteral("not a valid device identifier: \"%1\"").arg(deviceIdentifier));
-    const QString path = absolutePackagePath(package);
-    if (!QFileInfo::exists(path))
-        failCommand(QStringLiteral("no such package: %1").arg(path));
-    if (!QFileInfo(path).isDir() || !isPackage(path))
-        failCommand(QStringLiteral("not a package (no \"%1\" folder): %2")
-                        .arg(QLatin1String(OAKDevicesDirectoryName), path));
+    const QString path = existingPackagePath(package);
     // Watching only reads: the device's own folder is neither created nor watched.
     OAKStoreOptions options;
     options.readOnly = true;

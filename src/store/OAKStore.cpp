@@ -700,12 +700,16 @@ void OAKStore::_tearDownDatabase() {
         return;
     _closeDatabase();
     stopWatching();
+    // The in-memory view is emptied with the database: the next load must read every key again, so the key
+    // bookkeeping that bounds what a sync reads goes too.
+    _forgetSyncState();
+}
+
+void OAKStore::_forgetSyncState() {
     databaseQueue_->cancelTimerWithName(QStringLiteral("sync_delay"));
     databaseQueue_->cancelTimerWithName(QStringLiteral("sync_coalesce"));
     databaseTimestamps_.clear();
     logAnchors_.clear();
-    // The in-memory view is emptied with the database: the next load must read every key again, so the key
-    // bookkeeping that bounds what a sync reads goes too.
     keyTimestamps_.clear();
     keysSearchedBelowBound_.clear();
 }
@@ -871,12 +875,7 @@ void OAKStore::accommodatePresentedItemDeletion() {
         stopWatching();
         // A deleted store is not saved: closing drops what was not saved.
         _closeDatabase();
-        databaseQueue_->cancelTimerWithName(QStringLiteral("sync_delay"));
-        databaseQueue_->cancelTimerWithName(QStringLiteral("sync_coalesce"));
-        databaseTimestamps_.clear();
-        logAnchors_.clear();
-        keyTimestamps_.clear();
-        keysSearchedBelowBound_.clear();
+        _forgetSyncState();
     });
     postNotificationWithName(QString::fromUtf8(OAKStoreDidDeleteNotification));
 }

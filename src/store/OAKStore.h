@@ -279,6 +279,9 @@ protected:
     void _sync();
     void _closeDatabase();
     void _tearDownDatabase();
+    // Cancels the sync timers and forgets what the sync step has read, so a later load reads every log
+    // again from the start.
+    void _forgetSyncState();
     bool openDatabaseContext(NBError* outError);
     // Opens foreign logs that appeared and drops those that went away or were replaced, and keeps the
     // package watcher's folders in step.
