@@ -49,10 +49,14 @@ Corpus generateCorpus(bool beyondBasicPlane) {
     const QStringList chemistry = QString("NaCl MgCl₂ H₂O CO2 Tris-HCl pH=7.4 [Ca2+] C6H12O6 H2SO4 NH4+ EDTA "
                                           "DMSO ﬁnal ﬂow １２３ ＲＮＡ 5′-UTR “quoted” 1:1000")
                                       .split(' ');
-    const QStringList supplementary = QString("🧪 😀 👍 𝛼-helix 𝑥² 𝐍𝐚𝐂𝐥 𝔼[X] 𠀀𠀁 𩸽 𐐀𐐨 🔬sample "
-                                              "✅done "
-                                              "📌note")
-                                          .split(' ');
+    // Words with characters beyond the Basic Multilingual Plane. They are separate literals because the
+    // formatter measures such characters differently on each pass and would keep re-wrapping one long one.
+    const QStringList supplementary = {
+        QStringLiteral("🧪"),  QStringLiteral("😀"),    QStringLiteral("👍"),       QStringLiteral("𝛼-helix"),
+        QStringLiteral("𝑥²"),    QStringLiteral("𝐍𝐚𝐂𝐥"), QStringLiteral("𝔼[X]"),    QStringLiteral("𠀀𠀁"),
+        QStringLiteral("𩸽"),    QStringLiteral("𐐀𐐨"),   QStringLiteral("🔬sample"), QStringLiteral("✅done"),
+        QStringLiteral("📌note"),
+    };
     const QStringList punctuation = {" ", " ", " ", " ", " ", ", ", ". ", "; ", " – ", " (", ") "};
     std::mt19937 random(20261121);
     const auto pick = [&random](const QStringList& list) {
