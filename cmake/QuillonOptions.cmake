@@ -34,8 +34,7 @@ endif()
 # report only our own code.
 target_compile_definitions(quillon_compile_options INTERFACE
     QT_NO_KEYWORDS QT_NO_CAST_FROM_BYTEARRAY
-    QUILLON_VERSION="${PROJECT_VERSION}"
-    QUILLON_SOURCE_DIR="${PROJECT_SOURCE_DIR}")
+    QUILLON_VERSION="${PROJECT_VERSION}")
 
 if(QUILLON_SANITIZE)
     set(QUILLON_SANITIZER_FLAGS -fsanitize=address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer)

@@ -36,6 +36,9 @@ function(quillon_add_tests module)
     endif()
     target_link_libraries(${target} PRIVATE quillon_${module} ${ARG_DEPENDS} ${test_main}
         quillon_testing GTest::gtest GTest::gmock rapidcheck quillon_compile_options)
+    # Only test programs know where the source tree is (for their fixtures), so the libraries compile the
+    # same in every checkout and a compiler cache serves them all.
+    target_compile_definitions(${target} PRIVATE QUILLON_SOURCE_DIR="${PROJECT_SOURCE_DIR}")
     # Each test runs in its own process with a clean, fixed environment so that results do not depend on
     # the user's locale, time zone or display.
     gtest_discover_tests(${target}
