@@ -3,6 +3,7 @@
 // figure is printed beside two floors measured in the same run over the same paragraphs: QString::toLower
 // (Qt's own per-character case mapping, which allocates a result per paragraph as we do) and a memcpy of
 // the paragraphs' UTF-16 units. "ratio" is our speed divided by the toLower floor.
+// Highlighting is measured on one long DNA sequence against one normalisation of it.
 #include "search/NBSearchNormalization.h"
 
 #include <benchmark/benchmark.h>
@@ -179,8 +180,38 @@ void BM_AddNormalizedSearchTokens(benchmark::State& state) {
     reportAgainstFloors(state, text, best);
 }
 
+// Highlighting a hit in a 100,000-letter DNA sequence (one "word" of a notebook's sequence paragraph), with a
+// 20-letter query token from its start. The floor is one normalisation of the same paragraph, the least that
+// finding the hit's word costs.
+void BM_HighlightInLongSequence(benchmark::State& state) {
+    std::mt19937 random(20261122);
+    QString sequence;
+    for (qint64 index = 0; index < state.range(0); ++index)
+        sequence += QChar("ACGT"[std::uniform_int_distribution<int>(0, 3)(random)]);
+    const QString paragraph = "Insert: " + sequence + " (forward strand)";
+    const QStringList query = {sequence.left(20).toLower()};
+    double seconds = 0;
+    for (auto _ : state) {
+        const double start = threadSeconds();
+        const QList<NBTextRange> ranges = rangesForSearchTokens(paragraph, query);
+        seconds += threadSeconds() - start;
+        if (ranges != QList<NBTextRange>{NBTextRange{8, 20}})
+            state.SkipWithError("the hit was not narrowed to the query's 20 letters");
+    }
+    double floorSeconds = 0;
+    for (int round = 0; round < int(state.iterations()); ++round) {
+        const double start = threadSeconds();
+        benchmark::DoNotOptimize(normalizedStringForSearch(paragraph));
+        floorSeconds += threadSeconds() - start;
+    }
+    state.counters["ms"] = seconds * 1e3 / double(state.iterations());
+    state.counters["normalize_ms"] = floorSeconds * 1e3 / double(state.iterations());
+    state.counters["ratio"] = seconds / floorSeconds;
+}
+
 } // namespace
 
+BENCHMARK(BM_HighlightInLongSequence)->Arg(100'000)->Unit(benchmark::kMillisecond)->Iterations(20);
 // Argument 1: the corpus with characters beyond the Basic Multilingual Plane.
 BENCHMARK(BM_NormalizedStringForSearch)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->Iterations(5);
 BENCHMARK(BM_AddNormalizedSearchTokens)->Unit(benchmark::kMillisecond)->Iterations(5);

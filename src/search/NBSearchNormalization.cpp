@@ -196,8 +196,11 @@ template <typename Sink> void foldCodePointInto(char32_t codePoint, Sink& sink) 
         sink(folded[offset]);
 }
 
-// Calls `sink` with every unit of the folding of `text`, in order. An unpaired surrogate gives nothing.
-template <typename Sink> void foldUnits(QStringView text, Sink&& sink) {
+// Calls `sink` with every unit of the folding of `text`, in order, and `characterEnd` with the index just
+// past each character once its units are through (a surrogate pair is one character; an unpaired surrogate
+// is a character that gives nothing).
+template <typename Sink, typename CharacterEnd>
+void foldUnits(QStringView text, Sink&& sink, CharacterEnd&& characterEnd) {
     const char16_t* const units = text.utf16();
     const qsizetype size = text.size();
     for (qsizetype index = 0; index < size; ++index) {
@@ -211,7 +214,12 @@ template <typename Sink> void foldUnits(QStringView text, Sink&& sink) {
             foldCodePointInto(QChar::surrogateToUcs4(unit, units[index + 1]), sink);
             ++index;
         }
+        characterEnd(index + 1);
     }
+}
+
+template <typename Sink> void foldUnits(QStringView text, Sink&& sink) {
+    foldUnits(text, sink, [](qsizetype) {});
 }
 
 // ---- Steps 2 to 7 ----
@@ -250,13 +258,17 @@ const NormalizationTables& normalizationTables() {
 }
 
 // Receives the folded units of a text and writes its search form: words of kept units separated by single
-// spaces, with none at either end. Writes straight into the result's buffer, growing it by doubling.
-class SearchFormWriter {
+// spaces, with none at either end. Writes straight into the result's buffer, growing it by doubling. A writer
+// that does not keep its units only counts them (for highlight narrowing, which needs to know where each
+// character's units fall in a form it already has).
+template <bool keepsUnits> class SearchFormWriterOf {
 public:
-    SearchFormWriter(const NormalizationTables& tables, qsizetype expectedSize) : tables_(tables) {
-        result_.resize(std::max<qsizetype>(expectedSize + 8, 16));
-        units_ = result_.data();
-        capacity_ = result_.size();
+    SearchFormWriterOf(const NormalizationTables& tables, qsizetype expectedSize) : tables_(tables) {
+        if constexpr (keepsUnits) {
+            result_.resize(std::max<qsizetype>(expectedSize + 8, 16));
+            units_ = result_.data();
+            capacity_ = result_.size();
+        }
     }
 
     void operator()(char16_t unit) {
@@ -280,8 +292,16 @@ public:
         return std::move(result_);
     }
 
+    // How many units have been written so far.
+    qsizetype size() const { return size_; }
+
 private:
     void appendWordUnit(char16_t unit) {
+        if constexpr (!keepsUnits) {
+            size_ += spacePending_ && size_ > 0 ? 2 : 1;
+            spacePending_ = false;
+            return;
+        }
         if (size_ + 2 > capacity_) {
             result_.resize(capacity_ * 2);
             units_ = result_.data();
@@ -300,22 +320,14 @@ private:
     qsizetype capacity_ = 0;
     bool spacePending_ = false;
 };
+using SearchFormWriter = SearchFormWriterOf<true>;
+using SearchFormCounter = SearchFormWriterOf<false>;
 
 // The word that a character of tokenCharacterSet stands for: its value in the table without the spaces.
 QString tokenWordForCharacter(QChar character) {
     const auto& dictionary = characterNormalizationDictionary();
     const auto entry = dictionary.constFind(QString(character));
     return entry == dictionary.constEnd() ? QString() : entry.value().trimmed();
-}
-
-// The number of units of the character that begins at `index`, and of the one that ends at `end`: two for a
-// surrogate pair, else one.
-qsizetype unitsOfCharacterAt(QStringView text, qsizetype index) {
-    return index + 1 < text.size() && text[index].isHighSurrogate() && text[index + 1].isLowSurrogate() ? 2
-                                                                                                        : 1;
-}
-qsizetype unitsOfCharacterBefore(QStringView text, qsizetype end) {
-    return end >= 2 && text[end - 1].isLowSurrogate() && text[end - 2].isHighSurrogate() ? 2 : 1;
 }
 
 } // namespace
@@ -464,6 +476,99 @@ void addNormalizedSearchTokens(QStringView text, QStringList& tokens,
     }
 }
 
+// ---- Highlight narrowing ----
+//
+// A hit in a word is narrowed by two searches: the start moves forward, one character at a time, while the
+// search form of the rest of the word still begins with the query token; then the end moves back while the
+// search form of what is left still does. Normalising every candidate stretch afresh costs the square of the
+// word's length, and a notebook holds "words" of many thousands of letters (DNA and protein sequences). Both
+// searches are answered instead from the search form of the whole word (the token itself):
+//
+//   - The writer only ever appends, and a stretch of characters that starts fresh writes exactly the units
+//     that the whole word's writer writes for those characters, less the one space it may put before the
+//     first of them. So the search form of the rest of the word from character j is the whole form from
+//     the first unit written for j or a later character (skipping such a space), and the search form of the
+//     word cut after character k is the whole form up to the units written up to k, read from the same
+//     place.
+//   - Where the whole form holds the query token is found once, by a linear string search.
+//
+// One more pass over the word counts the units written for each character. The start moves forward while
+// the form from the next character's place holds the token there, and the end is the first character after
+// which enough units have been written to cover the token: the same ranges the two searches give, in time
+// linear in the word's length.
+namespace {
+
+// Whether `text` holds `pattern` at each offset (one entry per offset, and one for the end): the
+// Knuth-Morris-Pratt search, linear in both lengths.
+std::vector<bool> offsetsHoldingPattern(QStringView text, QStringView pattern) {
+    std::vector<bool> holds(std::size_t(text.size()) + 1, false);
+    const qsizetype patternSize = pattern.size();
+    if (patternSize == 0 || patternSize > text.size())
+        return holds;
+    // border[i]: the length of the longest proper prefix of pattern[0..i] that is also its suffix.
+    std::vector<qsizetype> border(std::size_t(patternSize), 0);
+    for (qsizetype index = 1, length = 0; index < patternSize; ++index) {
+        while (length > 0 && pattern[index] != pattern[length])
+            length = border[std::size_t(length - 1)];
+        if (pattern[index] == pattern[length])
+            ++length;
+        border[std::size_t(index)] = length;
+    }
+    for (qsizetype index = 0, matched = 0; index < text.size(); ++index) {
+        while (matched > 0 && text[index] != pattern[matched])
+            matched = border[std::size_t(matched - 1)];
+        if (text[index] == pattern[matched])
+            ++matched;
+        if (matched == patternSize) {
+            holds[std::size_t(index + 1 - patternSize)] = true;
+            matched = border[std::size_t(matched - 1)];
+        }
+    }
+    return holds;
+}
+
+// The part of the token at `tokenRange` of `text`, whose search form `token` begins with `searchToken`, to
+// highlight for it.
+NBTextRange narrowedHighlight(QStringView text, const NBTextRange& tokenRange, const QString& token,
+                              const QString& searchToken) {
+    const QStringView word = text.sliced(tokenRange.location, tokenRange.length);
+    const std::vector<bool> holdsToken = offsetsHoldingPattern(token, searchToken);
+    // Where the search form of the rest of the word begins in `token`, when the characters before it wrote
+    // `writtenBefore` units.
+    const auto formStart = [&](qsizetype writtenBefore) {
+        return writtenBefore < token.size() && token[writtenBefore] == u' ' ? writtenBefore + 1
+                                                                            : writtenBefore;
+    };
+    SearchFormCounter counter(normalizationTables(), 0);
+    bool startFound = false;
+    bool endFound = false;
+    qsizetype start = 0;
+    qsizetype end = word.size();
+    qsizetype covered = 0;
+    qsizetype writtenBeforeStart = 0;
+    foldUnits(word, counter, [&](qsizetype characterEnd) {
+        if (endFound)
+            return;
+        if (!startFound) {
+            // The character just read begins at `start`: move past it when the rest still matches.
+            if (characterEnd < word.size() && holdsToken[std::size_t(formStart(counter.size()))]) {
+                start = characterEnd;
+                writtenBeforeStart = counter.size();
+                return;
+            }
+            startFound = true;
+            covered = formStart(writtenBeforeStart) + searchToken.size();
+        }
+        if (counter.size() >= covered) {
+            end = characterEnd;
+            endFound = true;
+        }
+    });
+    return NBTextRange{tokenRange.location + start, end - start};
+}
+
+} // namespace
+
 QList<NBTextRange> rangesForSearchTokens(QStringView text, const QStringList& searchTokens) {
     QStringList tokens;
     QList<NBTextRange> tokenRanges;
@@ -475,22 +580,7 @@ QList<NBTextRange> rangesForSearchTokens(QStringView text, const QStringList& se
         for (qsizetype tokenIndex = 0; tokenIndex < tokens.size(); ++tokenIndex) {
             if (!tokens[tokenIndex].startsWith(searchToken))
                 continue;
-            const qsizetype end = tokenRanges[tokenIndex].end();
-            // Skip leading characters while what is left of the word still matches.
-            qsizetype start = tokenRanges[tokenIndex].location;
-            for (qsizetype next = start + unitsOfCharacterAt(text, start);
-                 next < end &&
-                 normalizedStringForSearch(text.sliced(next, end - next)).startsWith(searchToken);
-                 next = start + unitsOfCharacterAt(text, start))
-                start = next;
-            // Drop trailing characters while what is left still matches.
-            qsizetype length = end - start;
-            for (qsizetype shorter = length - unitsOfCharacterBefore(text, start + length);
-                 shorter >= 1 &&
-                 normalizedStringForSearch(text.sliced(start, shorter)).startsWith(searchToken);
-                 shorter = length - unitsOfCharacterBefore(text, start + length))
-                length = shorter;
-            ranges.append(NBTextRange{start, length});
+            ranges.append(narrowedHighlight(text, tokenRanges[tokenIndex], tokens[tokenIndex], searchToken));
         }
     }
     return ranges;

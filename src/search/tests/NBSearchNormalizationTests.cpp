@@ -80,6 +80,45 @@ std::vector<Token> tokensOf(const QString& text) {
     return tokens;
 }
 
+// Highlight narrowing as its rule reads, one normalisation per candidate stretch: the start moves forward
+// one character at a time while the search form of the rest of the word still begins with the query token,
+// then the end moves back while the search form of what is left still does. A surrogate pair is one
+// character.
+QList<NBTextRange> rangesNarrowedOneStretchAtATime(const QString& text, const QStringList& searchTokens) {
+    const auto unitsAt = [&](qsizetype index) {
+        return index + 1 < text.size() && text[index].isHighSurrogate() && text[index + 1].isLowSurrogate()
+                   ? 2
+                   : 1;
+    };
+    const auto unitsBefore = [&](qsizetype end) {
+        return end >= 2 && text[end - 1].isLowSurrogate() && text[end - 2].isHighSurrogate() ? 2 : 1;
+    };
+    const auto stillMatches = [&](qsizetype location, qsizetype length, const QString& searchToken) {
+        return normalizedStringForSearch(QStringView(text).sliced(location, length)).startsWith(searchToken);
+    };
+    QStringList tokens;
+    QList<NBTextRange> tokenRanges;
+    addNormalizedSearchTokens(text, tokens, tokenRanges);
+    QList<NBTextRange> ranges;
+    for (const QString& searchToken : searchTokens) {
+        for (qsizetype index = 0; index < tokens.size(); ++index) {
+            if (searchToken.isEmpty() || !tokens[index].startsWith(searchToken))
+                continue;
+            const qsizetype end = tokenRanges[index].end();
+            qsizetype start = tokenRanges[index].location;
+            while (start + unitsAt(start) < end &&
+                   stillMatches(start + unitsAt(start), end - start - unitsAt(start), searchToken))
+                start += unitsAt(start);
+            qsizetype length = end - start;
+            while (length - unitsBefore(start + length) >= 1 &&
+                   stillMatches(start, length - unitsBefore(start + length), searchToken))
+                length -= unitsBefore(start + length);
+            ranges.append(NBTextRange{start, length});
+        }
+    }
+    return ranges;
+}
+
 bool liesInside(const NBTextRange& range, const QString& text) {
     return range.location >= 0 && range.length >= 0 && range.end() <= text.size();
 }
@@ -244,6 +283,8 @@ TEST(NBSearchNormalization, HighlightsCoverOnlyTheMatchedPartOfEachWord) {
         {"Straße", {"strass"}, {{0, 5}}},
         {"Dvořák", {"dvor"}, {{0, 4}}},
         {"𐐀𐐀x", {"𐐨𐐨"}, {{0, 4}}},
+        // The micro sign folds to the word "mu" inside its piece: the second one still begins with "m".
+        {"µµ", {"m"}, {{1, 1}}},
         {QChar(0xDC00) + QString("cells"), {"cell"}, {{1, 4}}},
         {"cells", {""}, {}},
         {"cells", {"x"}, {}},
@@ -280,6 +321,34 @@ RC_GTEST_PROP(NBSearchNormalization, TokenAndHighlightRangesLieInsideTheText, ()
     const QString query = normalizedStringForSearch(*genSearchText());
     for (const NBTextRange& highlight : rangesForSearchTokens(text, query.split(' ')))
         RC_ASSERT(liesInside(highlight, text));
+}
+
+RC_GTEST_PROP(NBSearchNormalization, HighlightsAreThoseOfNarrowingOneStretchAtATime, ()) {
+    // Words made of few distinct pieces repeat themselves, so query tokens cut from them match in many
+    // places and at many depths; some pieces normalise to nothing or to several words.
+    static const std::vector<QString> pieces = {"a", "b", "á", "#", "ß", "µ", "𐐀", "\u0301", "，", " "};
+    const auto genText = rc::gen::weightedOneOf<QString>({
+        {1, genSearchText()},
+        {3, rc::gen::map(
+                rc::gen::container<std::vector<std::size_t>>(rc::gen::inRange<std::size_t>(0, pieces.size())),
+                [](const std::vector<std::size_t>& indexes) {
+                    QString text;
+                    for (const std::size_t index : indexes)
+                        text += pieces[index];
+                    return text;
+                })},
+    });
+    const QString text = *genText;
+    QStringList tokens;
+    QList<NBTextRange> ranges;
+    addNormalizedSearchTokens(text, tokens, ranges);
+    QStringList query;
+    for (const QString& token : tokens) {
+        if (!token.isEmpty())
+            query.append(token.left(*rc::gen::inRange<qsizetype>(1, token.size() + 1)));
+    }
+    query.append(normalizedStringForSearch(*genText));
+    RC_ASSERT(rangesForSearchTokens(text, query) == rangesNarrowedOneStretchAtATime(text, query));
 }
 
 TEST(NBTextCleanUp, EditsInPlace) {
