@@ -286,3 +286,5 @@ void BM_SyncAfterForeignInsertion(benchmark::State& state) {
 BENCHMARK(BM_SyncAfterForeignInsertion)->Unit(benchmark::kMillisecond)->Iterations(30)->UseRealTime();
 
 } // namespace
+
+BENCHMARK_MAIN();

@@ -32,12 +32,12 @@
 // from inside runTransaction().
 #pragma once
 
-#include "document/NBDay.h"
 #include "document/NBDocumentChange.h"
 #include "document/NBParagraph.h"
 #include "foundation/NBError.h"
 #include "foundation/NBTreeNode.h"
 #include "store/OAKStore.h"
+#include "time/NBDay.h"
 
 #include <QList>
 #include <QLoggingCategory>

@@ -15,7 +15,7 @@
 // keys are ignored.
 #pragma once
 
-#include "document/NBStyledString.h"
+#include "text/NBStyledString.h"
 
 #include <QString>
 #include <QVariant>

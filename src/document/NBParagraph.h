@@ -48,10 +48,10 @@
 // "parentUUID" keeps none.
 #pragma once
 
-#include "document/NBDay.h"
-#include "document/NBStyledString.h"
-#include "document/NBTimer.h"
 #include "foundation/NBTreeNode.h"
+#include "text/NBStyledString.h"
+#include "time/NBDay.h"
+#include "time/NBTimer.h"
 
 #include <QHash>
 #include <QList>

@@ -30,7 +30,7 @@
 // the start of each item's content; tags Qt left elsewhere (HTML nested strangely) are removed unread.
 #include "document/NBParagraph.h"
 
-#include "document/NBStyledString.h"
+#include "text/NBStyledString.h"
 
 #include <QRegularExpression>
 #include <QTextBlock>

@@ -12,7 +12,7 @@
 // points) and are unknown when any column has another kind of width.
 #pragma once
 
-#include "document/NBStyledString.h"
+#include "text/NBStyledString.h"
 
 #include <QList>
 #include <QString>

@@ -1,5 +1,5 @@
 // NBDay: calendar and relative days, their stored forms, arithmetic and localised forms (see NBDay.h).
-#include "document/NBDay.h"
+#include "time/NBDay.h"
 
 #include <QHash>
 #include <QMutex>

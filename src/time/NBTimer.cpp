@@ -1,9 +1,9 @@
 // NBTimer: countdowns and stopwatches computed from wall-clock dates, and their stored form in a
 // paragraph's info (described in NBTimer.h).
-#include "document/NBTimer.h"
+#include "time/NBTimer.h"
 
-#include "document/NBTimeDetector.h"
 #include "foundation/NBLogging.h"
+#include "time/NBTimeDetector.h"
 
 #include <QMetaType>
 

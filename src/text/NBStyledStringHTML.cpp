@@ -20,7 +20,7 @@
 // "javascript:", "vbscript:" or "data:" keep their text without the link. A link whose address is its own
 // text reads as the shared hyperlink style. Unclosed elements run to the end; stray closing tags are ignored.
 // Any text reads as some styled string; the result is plain text with styles, so no markup passes through.
-#include "document/NBStyledString.h"
+#include "text/NBStyledString.h"
 
 #include <QHash>
 #include <QRegularExpression>

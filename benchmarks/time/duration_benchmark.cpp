@@ -6,7 +6,7 @@
 // detector's table, "(\d+)\s*mins?", with a reused matcher). "ratio" is our rate divided by the floor's.
 // Rates count the benchmark thread's processor time, so that the other programs of a busy machine do not
 // lower them.
-#include "document/NBTimeDetector.h"
+#include "time/NBTimeDetector.h"
 
 #include <benchmark/benchmark.h>
 

@@ -9,7 +9,7 @@
 // in the notebook programs people paste into most, it is dropped, so pasted text follows the notebook's own
 // text colour (and stays readable in a dark theme). Black chosen in the editor is kept, since formats made
 // from styles carry NBStyledTextFormatProperty.
-#include "document/NBStyledString.h"
+#include "text/NBStyledString.h"
 
 #include <QGuiApplication>
 #include <QPalette>

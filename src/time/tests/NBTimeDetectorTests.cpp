@@ -1,7 +1,7 @@
 // Tests of the duration detector: real protocol sentences with the duration each must give, the messages it
 // logs, and its behaviour on arbitrary text and on several threads.
-#include "document/NBTimeDetector.h"
 #include "foundation/testing/NBMessageCapture.h"
+#include "time/NBTimeDetector.h"
 
 #include <gtest/gtest.h>
 #include <rapidcheck/gtest.h>

@@ -23,8 +23,8 @@
 //   never closed run to the end of the text. Any text reads as some styled string; nothing is rejected.
 #pragma once
 
-#include "document/NBStyle.h"
 #include "foundation/NBTextRange.h"
+#include "text/NBStyle.h"
 
 #include <QString>
 #include <QTextCharFormat>

@@ -1,5 +1,5 @@
 // NBTime: reading and writing durations (the natural string and display forms are described in NBTime.h).
-#include "document/NBTime.h"
+#include "time/NBTime.h"
 
 #include <QChar>
 

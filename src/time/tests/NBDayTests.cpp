@@ -1,6 +1,6 @@
 // Tests of days: stored forms, reading old forms, arithmetic, comparison, and forms that depend on the time
 // zone and locale.
-#include "document/NBDay.h"
+#include "time/NBDay.h"
 
 #include <gtest/gtest.h>
 #include <rapidcheck/gtest.h>

@@ -17,7 +17,7 @@
 // Reading: markers toggle their style; a marker left without a partner at the end (an odd count) is text, as
 // is a "[" never followed by "](address)" or a "]" not followed by one. A "_" between two letters or digits
 // is text (snake_case). Any text reads as some styled string.
-#include "document/NBStyledString.h"
+#include "text/NBStyledString.h"
 
 #include <vector>
 

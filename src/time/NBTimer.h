@@ -27,8 +27,8 @@
 // Integers written as reals (by another tool) are accepted when they are whole numbers.
 #pragma once
 
-#include "document/NBTime.h"
 #include "foundation/NBError.h"
+#include "time/NBTime.h"
 
 #include <QDateTime>
 #include <QString>

@@ -2,7 +2,7 @@
 // special characters and characters outside the Basic Multilingual Plane, and random runs of styles.
 #pragma once
 
-#include "document/NBStyledString.h"
+#include "text/NBStyledString.h"
 
 #include <gtest/gtest.h>
 #include <rapidcheck.h>

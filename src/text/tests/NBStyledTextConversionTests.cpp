@@ -1,6 +1,6 @@
 // Tests of styled text to and from rich text (QTextDocument), HTML fragments and inline Markdown.
 #include "NBStyledTextGenerators.h"
-#include "document/NBStyledString.h"
+#include "text/NBStyledString.h"
 
 #include <QTextBlock>
 #include <QTextCursor>

@@ -1,6 +1,6 @@
 // Tests of durations and paragraph timers: the natural and display forms of a duration, timers run on an
 // injected clock, their stored form in a paragraph's info, and the editor's countdown action.
-#include "document/NBTimer.h"
+#include "time/NBTimer.h"
 
 #include <gtest/gtest.h>
 

@@ -19,7 +19,7 @@
 // state to itself (each thread matches with its own matchers), so any thread may call the detector.
 #pragma once
 
-#include "document/NBTime.h"
+#include "time/NBTime.h"
 
 #include <QString>
 

@@ -1,6 +1,6 @@
 // Tests of styled strings, their editing, the tag markup and the colour text.
 #include "NBStyledTextGenerators.h"
-#include "document/NBStyledString.h"
+#include "text/NBStyledString.h"
 
 #include <gtest/gtest.h>
 #include <rapidcheck/gtest.h>

@@ -1,5 +1,5 @@
 // NBTimeDetector: the pattern and number-word tables and the first-duration search (see NBTimeDetector.h).
-#include "document/NBTimeDetector.h"
+#include "time/NBTimeDetector.h"
 
 #include "foundation/NBLogging.h"
 

@@ -1,6 +1,6 @@
 // NBStyledString and NBMutableStyledString: runs of styles over text, editing, and the tag markup (see
 // NBStyledString.h for the format).
-#include "document/NBStyledString.h"
+#include "text/NBStyledString.h"
 
 #include <algorithm>
 

@@ -4,7 +4,7 @@
 // (UTF-16). Each figure is printed beside a floor measured in the same run over the same markup: a deep copy
 // of the QString followed by a scan for "<" and "&" (what any reader or writer must at least do), and the
 // ratio of our rate to the floor's.
-#include "document/NBStyledString.h"
+#include "text/NBStyledString.h"
 
 #include <benchmark/benchmark.h>
 
@@ -93,3 +93,5 @@ void BM_MarkupRead(benchmark::State& state) {
 
 BENCHMARK(BM_MarkupWrite)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_MarkupRead)->Unit(benchmark::kMicrosecond);
+
+BENCHMARK_MAIN();

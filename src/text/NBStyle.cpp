@@ -1,5 +1,5 @@
 // NBStyle and NBStyleSet: shared styles, tag tables and the colour text of the markup (see NBStyle.h).
-#include "document/NBStyle.h"
+#include "text/NBStyle.h"
 
 #include "foundation/NBLogging.h"
 
