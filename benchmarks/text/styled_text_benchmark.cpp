@@ -24,8 +24,8 @@ NBStyledString paragraph() {
         {NBStyle::italic()},
         {NBStyle::bold(), NBStyle::italic()},
         {NBStyle::superscript()},
-        {NBStyle::styleForTextColor(QColor(200, 30, 30))},
-        {NBStyle::styleForBackgroundColor(QColor(255, 255, 0, 128)), NBStyle::underline()},
+        {NBStyle::styleForTextColor(NBColor(200, 30, 30))},
+        {NBStyle::styleForBackgroundColor(NBColor(255, 255, 0, 128)), NBStyle::underline()},
         {NBStyle::styleForHyperlinkURL("https://example.org/protocols?id=42&v=3")},
     };
     NBMutableStyledString text;

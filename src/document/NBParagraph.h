@@ -59,19 +59,10 @@
 #include <QSet>
 #include <QString>
 #include <QStringList>
-#include <QTextFormat>
 #include <QVariant>
 #include <QVariantMap>
 
 #include <optional>
-
-class QTextBlock;
-class QTextDocument;
-
-// A QTextListFormat property naming a list's marker format explicitly ("{hyphen}", "{diamond}",
-// "({decimal})"), for markers that QTextListFormat's styles cannot express; importers set it, and it wins
-// over the style.
-inline constexpr int NBTextListMarkerFormatProperty = QTextFormat::UserProperty + 0x4E4C;
 
 inline constexpr const char* kNBParagraphTypeKey = "type";
 inline constexpr const char* kNBParagraphContentKey = "content";
@@ -160,30 +151,6 @@ public:
 
     // A fresh UUID in the stored form: upper-case, 36 characters.
     static QString newUUIDString();
-
-    // ---- Rich text to paragraphs (NBParagraphRichText.cpp, which documents how QTextDocument is read) ----
-    // Splits the whole document into paragraphs: tables become table paragraphs, every line one paragraph.
-    static QList<NBParagraph> paragraphsFromAttributedString(const QTextDocument& document);
-    // One line of the document (`length` characters from `location`, without its line break): a bullet or
-    // numbered item for a list line, a section for a line that starts in bold, else a normal paragraph.
-    // `tabIndents` are the sorted head indents of the whole text (tabIndentsForAttributedString), which
-    // give list levels.
-    static NBParagraph paragraphFromLineWithAttributedString(const QTextDocument& document, int location,
-                                                             int length, const QList<qreal>& tabIndents);
-    static QList<qreal> tabIndentsForAttributedString(const QTextDocument& document);
-    // The marker format of the list a block belongs to: NBTextListMarkerFormatProperty when set; "{check}"
-    // or "{box}" for a checked or unchecked item; else "{disc}", "{circle}", "{square}" or, for numbered
-    // styles, the list's number prefix, "{decimal}", "{lower-alpha}", "{upper-alpha}", "{lower-roman}" or
-    // "{upper-roman}", and its number suffix. Empty outside a list and for a list without markers.
-    static QString markerFormatForTextBlock(const QTextBlock& block);
-
-    // ---- Pasted HTML (NBParagraphHTML.cpp, which documents the Word list forms read) ----
-    // Replaces the document's content with the HTML as Qt's reader reads it, except that the list
-    // paragraphs of Microsoft Word (paragraphs styled "mso-list:lN levelM" whose marker sits in a
-    // conditional "supportLists" section) become items of text lists, without their marker text.
-    static void setAttributedStringFromHTMLString(QTextDocument& document, QStringView html);
-    // The paragraphs of pasted HTML: setAttributedStringFromHTMLString, then paragraphsFromAttributedString.
-    static QList<NBParagraph> paragraphsFromHTMLString(QStringView html);
 
     // ---- Lists and the outline (what the document runs over its paragraphs in order) ----
     // Numbers the numbered items: sets listItemIndex of every number paragraph (0 for the first item of a

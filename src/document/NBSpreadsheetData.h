@@ -5,11 +5,6 @@
 // The markup itself escapes "&" as "&amp;", so a cell whose text reads "&#10;" is stored as "&amp;#10;" and
 // the escapes can never be mistaken for text. NBParagraph::arrayOfArraysOfMarkupStrings hands out cells
 // still escaped; this model holds them unescaped (real "\n" and "\t" inside a cell's markup).
-//
-// Rich text: a QTextTable of a QTextDocument is read cell by cell. A cell's blocks are joined by "\n"; a
-// cell covered by a neighbour's row or column span is empty; each cell's character formats become markup
-// through NBStyledString. Column widths are read from the table format's fixed-width constraints (in
-// points) and are unknown when any column has another kind of width.
 #pragma once
 
 #include "text/NBStyledString.h"
@@ -21,7 +16,6 @@
 #include <optional>
 
 class NBParagraph;
-class QTextDocument;
 
 class NBSpreadsheetData {
 public:
@@ -31,15 +25,6 @@ public:
         const QList<QStringList>& rows, const std::optional<QList<qreal>>& columnWidths = std::nullopt);
     // The grid of a table paragraph, unescaped, with its column widths; nothing for other kinds.
     static std::optional<NBSpreadsheetData> spreadsheetDataWithTableParagraph(const NBParagraph& paragraph);
-    // The table that begins at `startingLocation` of the document, if one does: the location is that of
-    // the frame character opening the table or that of its first cell. `effectiveRange` receives the
-    // characters the table covers: its frame and, when it is empty and not the document's last block, the
-    // block after it (Qt keeps a block after every frame, and its HTML reader leaves that block empty when
-    // a paragraph follows the table).
-    static std::optional<NBSpreadsheetData> spreadsheetDataWithAttributedString(const QTextDocument& document,
-                                                                                int startingLocation,
-                                                                                NBTextRange* effectiveRange);
-
     static QString escapedCellString(const QString& cell);
     static QString unescapedCellString(const QString& cell);
 

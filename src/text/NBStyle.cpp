@@ -266,10 +266,9 @@ NBStyle NBStyle::styleWithKey(const QString& key, const QVariant& value) {
             return pop();
         break;
     case Kind::TextColor:
-        return styleForTextColor(value.typeId() == QMetaType::QColor ? value.value<QColor>() : QColor());
+        return styleForTextColor(value.value<NBColor>());
     case Kind::BackgroundColor:
-        return styleForBackgroundColor(value.typeId() == QMetaType::QColor ? value.value<QColor>()
-                                                                           : QColor());
+        return styleForBackgroundColor(value.value<NBColor>());
     case Kind::Hyperlink:
         // An address, or true for a link whose address is its text.
         if (value.typeId() == QMetaType::QString)
@@ -283,17 +282,16 @@ NBStyle NBStyle::styleWithKey(const QString& key, const QVariant& value) {
     return NBStyle(kind == Kind::None ? Kind::Other : kind, key, value);
 }
 
-NBStyle NBStyle::styleForTextColor(const QColor& color) {
+NBStyle NBStyle::styleForTextColor(NBColor color) {
     if (!color.isValid())
         return anyTextColor();
-    // Colours are kept as 8-bit RGBA so that equal colours compare equal whatever their origin.
-    return NBStyle(Kind::TextColor, anyTextColor().key_, QColor::fromRgba(color.rgba()));
+    return NBStyle(Kind::TextColor, anyTextColor().key_, QVariant::fromValue(color));
 }
 
-NBStyle NBStyle::styleForBackgroundColor(const QColor& color) {
+NBStyle NBStyle::styleForBackgroundColor(NBColor color) {
     if (!color.isValid())
         return anyBackgroundColor();
-    return NBStyle(Kind::BackgroundColor, anyBackgroundColor().key_, QColor::fromRgba(color.rgba()));
+    return NBStyle(Kind::BackgroundColor, anyBackgroundColor().key_, QVariant::fromValue(color));
 }
 
 NBStyle NBStyle::styleForHyperlinkURL(const QString& url) {
@@ -316,8 +314,8 @@ NBStyle NBStyle::styleWithOpeningMarkupTag(QStringView tag) {
         const Kind kind = kindForKey(name);
         if (kind != Kind::TextColor && kind != Kind::BackgroundColor)
             return NBStyle();
-        const std::optional<QColor> color = colorFromHexString(tag.mid(hash + 1));
-        return styleWithKey(name, color ? QVariant(*color) : QVariant());
+        const std::optional<NBColor> color = colorFromHexString(tag.mid(hash + 1));
+        return styleWithKey(name, color ? QVariant::fromValue(*color) : QVariant());
     }
     if (tag == u"pop")
         return pop();
@@ -326,7 +324,7 @@ NBStyle NBStyle::styleWithOpeningMarkupTag(QStringView tag) {
     return shared().stylesForTags.value(tag.toString());
 }
 
-std::optional<QColor> NBStyle::colorFromHexString(QStringView text) {
+std::optional<NBColor> NBStyle::colorFromHexString(QStringView text) {
     if (text.startsWith(u'#'))
         text = text.mid(1);
     const qsizetype length = text.size();
@@ -340,41 +338,40 @@ std::optional<QColor> NBStyle::colorFromHexString(QStringView text) {
     }
     switch (length) {
     case 1:
-        return QColor(digits[0] * 17, digits[0] * 17, digits[0] * 17);
+        return NBColor(digits[0] * 17, digits[0] * 17, digits[0] * 17);
     case 2: {
         const int grey = digits[0] * 16 + digits[1];
-        return QColor(grey, grey, grey);
+        return NBColor(grey, grey, grey);
     }
     case 3:
-        return QColor(digits[0] * 17, digits[1] * 17, digits[2] * 17);
+        return NBColor(digits[0] * 17, digits[1] * 17, digits[2] * 17);
     case 4:
-        return QColor(digits[0] * 17, digits[1] * 17, digits[2] * 17, digits[3] * 17);
+        return NBColor(digits[0] * 17, digits[1] * 17, digits[2] * 17, digits[3] * 17);
     case 6:
-        return QColor(digits[0] * 16 + digits[1], digits[2] * 16 + digits[3], digits[4] * 16 + digits[5]);
+        return NBColor(digits[0] * 16 + digits[1], digits[2] * 16 + digits[3], digits[4] * 16 + digits[5]);
     default:
-        return QColor(digits[0] * 16 + digits[1], digits[2] * 16 + digits[3], digits[4] * 16 + digits[5],
-                      digits[6] * 16 + digits[7]);
+        return NBColor(digits[0] * 16 + digits[1], digits[2] * 16 + digits[3], digits[4] * 16 + digits[5],
+                       digits[6] * 16 + digits[7]);
     }
 }
 
-QString NBStyle::hexStringFromColor(const QColor& color) {
+QString NBStyle::hexStringFromColor(NBColor color) {
     if (!color.isValid())
         return QString();
-    const QRgb rgba = color.rgba();
     const QString text = QStringLiteral("%1%2%3")
-                             .arg(qRed(rgba), 2, 16, QLatin1Char('0'))
-                             .arg(qGreen(rgba), 2, 16, QLatin1Char('0'))
-                             .arg(qBlue(rgba), 2, 16, QLatin1Char('0'))
+                             .arg(color.red(), 2, 16, QLatin1Char('0'))
+                             .arg(color.green(), 2, 16, QLatin1Char('0'))
+                             .arg(color.blue(), 2, 16, QLatin1Char('0'))
                              .toUpper();
-    if (qAlpha(rgba) == 255)
+    if (color.alpha() == 255)
         return text;
-    return text + QStringLiteral("%1").arg(qAlpha(rgba), 2, 16, QLatin1Char('0')).toUpper();
+    return text + QStringLiteral("%1").arg(color.alpha(), 2, 16, QLatin1Char('0')).toUpper();
 }
 
-QColor NBStyle::color() const {
-    if (!isColorStyle() || value_.typeId() != QMetaType::QColor)
-        return QColor();
-    return value_.value<QColor>();
+NBColor NBStyle::color() const {
+    if (!isColorStyle())
+        return NBColor();
+    return value_.value<NBColor>();
 }
 
 QString NBStyle::hyperlinkURL() const {
@@ -411,6 +408,8 @@ bool NBStyle::operator==(const NBStyle& other) const {
 }
 
 size_t qHash(const NBStyle& style, size_t seed) {
+    if (style.isColorStyle())
+        return qHashMulti(seed, style.attributeKey(), style.color().rgba());
     return qHashMulti(seed, style.attributeKey(), style.attributeValue().toString());
 }
 

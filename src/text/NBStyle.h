@@ -2,9 +2,9 @@
 // text that the tag markup uses.
 //
 // A style is an attribute key with a value. The seven on/off styles (bold, italic, superscript, subscript,
-// underline, strikethrough, small capitals) carry `true`; the text and background colour styles carry a
-// QColor, or no value at all for the "any colour" styles that stand for the presence of a colour of that kind
-// in queries (and for a colour tag whose colour could not be read). The pop style carries `true`. The
+// underline, strikethrough, small capitals) carry `true`; the text and background colour styles carry an
+// NBColor, or no value at all for the "any colour" styles that stand for the presence of a colour of that
+// kind in queries (and for a colour tag whose colour could not be read). The pop style carries `true`. The
 // hyperlink style carries a QString: the link's address, or the empty string for the shared instance, which
 // means "the text itself is the address" (links found in typed text).
 //
@@ -29,7 +29,8 @@
 // produces six upper-case digits for an opaque colour and eight otherwise.
 #pragma once
 
-#include <QColor>
+#include "text/NBColor.h"
+
 #include <QHash>
 #include <QList>
 #include <QString>
@@ -88,8 +89,8 @@ public:
     // value (the value may be null, as for an unreadable colour).
     static NBStyle styleWithKey(const QString& key, const QVariant& value);
     // A colour style; an invalid colour gives the shared any-colour style of that kind.
-    static NBStyle styleForTextColor(const QColor& color);
-    static NBStyle styleForBackgroundColor(const QColor& color);
+    static NBStyle styleForTextColor(NBColor color);
+    static NBStyle styleForBackgroundColor(NBColor color);
     // A hyperlink to an address; the empty address gives the shared hyperlink style.
     static NBStyle styleForHyperlinkURL(const QString& url);
     // The style an opening markup tag stands for ("b", "c#FF0000", "a href=\"...\""), or a null style.
@@ -102,8 +103,8 @@ public:
     static const QHash<QString, NBStyle>& stylesForMarkupTags();
 
     // The colour reader and writer of the markup (see the header comment).
-    static std::optional<QColor> colorFromHexString(QStringView text);
-    static QString hexStringFromColor(const QColor& color);
+    static std::optional<NBColor> colorFromHexString(QStringView text);
+    static QString hexStringFromColor(NBColor color);
 
     bool isNull() const { return kind_ == Kind::None; }
     Kind kind() const { return kind_; }
@@ -111,7 +112,7 @@ public:
     const QVariant& attributeValue() const { return value_; }
     bool isColorStyle() const { return kind_ == Kind::TextColor || kind_ == Kind::BackgroundColor; }
     // The colour of a colour style (invalid when it has none).
-    QColor color() const;
+    NBColor color() const;
     // The address of a hyperlink style (empty for the shared one).
     QString hyperlinkURL() const;
 

@@ -27,20 +27,8 @@
 #include "text/NBStyle.h"
 
 #include <QString>
-#include <QTextCharFormat>
 
 #include <vector>
-
-// The QTextCharFormat property that marks the pop style, which has no character format of its own.
-inline constexpr int NBPopTextFormatProperty = QTextFormat::UserProperty + 0x4E42;
-// Marks character formats made from styles. Formats without it come from elsewhere (rich text pasted or
-// imported through Qt's HTML reader, which draws every link underlined in the palette's link colour); there
-// that link look is not read as underline and text colour styles.
-inline constexpr int NBStyledTextFormatProperty = QTextFormat::UserProperty + 0x4E43;
-
-class QTextCursor;
-class QTextDocument;
-class QTextDocumentFragment;
 
 class NBStyledString {
 public:
@@ -73,25 +61,6 @@ public:
     // The tag markup (see the header comment).
     QString markupString() const;
     static NBStyledString styledStringFromMarkupString(QStringView markup);
-
-    // Rich text for the editor, pasting and importing (NBStyledStringRichText.cpp). A QTextCharFormat shows
-    // bold as weight, italic, superscript and subscript as vertical alignment (superscript wins when a run
-    // has both), underline, strikethrough, small capitals as capitalisation, colours as foreground and
-    // background brushes, hyperlinks as anchors (the shared hyperlink's address is its text) and pop as the
-    // format property NBPopTextFormatProperty. Line breaks in the text become block boundaries and read back
-    // as "\n".
-    static QTextCharFormat attributesFromStyles(const NBStyleSet& styles,
-                                                const QTextCharFormat& referenceAttributes = {});
-    static NBStyleSet stylesFromAttributes(const QTextCharFormat& attributes);
-    // Inserts the text at the cursor, each run with the default attributes changed by its styles; small
-    // capitals use `smallCapsAttributes` merged over them when it is not empty.
-    void insertIntoTextCursor(QTextCursor& cursor, const QTextCharFormat& defaultAttributes = {},
-                              const QTextCharFormat& smallCapsAttributes = {}) const;
-    QTextDocumentFragment attributedString() const;
-    // The styled text of a document's characters from `position`, `length` of them (-1: to the end).
-    static NBStyledString styledStringFromAttributedString(const QTextDocument& document, int position = 0,
-                                                           int length = -1);
-    static NBStyledString styledStringFromAttributedString(const QTextDocumentFragment& fragment);
 
     // An HTML fragment for export and the clipboard, and its reader for pasted or imported HTML
     // (NBStyledStringHTML.cpp, which documents the forms read).

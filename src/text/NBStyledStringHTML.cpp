@@ -27,6 +27,7 @@
 #include <QSet>
 
 #include <algorithm>
+#include <string_view>
 
 namespace {
 
@@ -64,7 +65,7 @@ void appendEscaped(QString& out, QStringView text, LineBreaks lineBreaks) {
     }
 }
 
-QString cssColor(const QColor& color) {
+QString cssColor(NBColor color) {
     return u'#' + NBStyle::hexStringFromColor(color);
 }
 
@@ -233,26 +234,194 @@ QString nbDecodeHTMLCharacterReferences(QStringView text) {
 
 namespace {
 
+// The named colours of CSS, in alphabetical order (the keyword "transparent" is read apart).
+struct NamedColor {
+    std::u16string_view name;
+    quint32 rgb;
+};
+constexpr NamedColor kNamedColors[] = {
+    {u"aliceblue", 0xF0F8FF},
+    {u"antiquewhite", 0xFAEBD7},
+    {u"aqua", 0x00FFFF},
+    {u"aquamarine", 0x7FFFD4},
+    {u"azure", 0xF0FFFF},
+    {u"beige", 0xF5F5DC},
+    {u"bisque", 0xFFE4C4},
+    {u"black", 0x000000},
+    {u"blanchedalmond", 0xFFEBCD},
+    {u"blue", 0x0000FF},
+    {u"blueviolet", 0x8A2BE2},
+    {u"brown", 0xA52A2A},
+    {u"burlywood", 0xDEB887},
+    {u"cadetblue", 0x5F9EA0},
+    {u"chartreuse", 0x7FFF00},
+    {u"chocolate", 0xD2691E},
+    {u"coral", 0xFF7F50},
+    {u"cornflowerblue", 0x6495ED},
+    {u"cornsilk", 0xFFF8DC},
+    {u"crimson", 0xDC143C},
+    {u"cyan", 0x00FFFF},
+    {u"darkblue", 0x00008B},
+    {u"darkcyan", 0x008B8B},
+    {u"darkgoldenrod", 0xB8860B},
+    {u"darkgray", 0xA9A9A9},
+    {u"darkgreen", 0x006400},
+    {u"darkgrey", 0xA9A9A9},
+    {u"darkkhaki", 0xBDB76B},
+    {u"darkmagenta", 0x8B008B},
+    {u"darkolivegreen", 0x556B2F},
+    {u"darkorange", 0xFF8C00},
+    {u"darkorchid", 0x9932CC},
+    {u"darkred", 0x8B0000},
+    {u"darksalmon", 0xE9967A},
+    {u"darkseagreen", 0x8FBC8F},
+    {u"darkslateblue", 0x483D8B},
+    {u"darkslategray", 0x2F4F4F},
+    {u"darkslategrey", 0x2F4F4F},
+    {u"darkturquoise", 0x00CED1},
+    {u"darkviolet", 0x9400D3},
+    {u"deeppink", 0xFF1493},
+    {u"deepskyblue", 0x00BFFF},
+    {u"dimgray", 0x696969},
+    {u"dimgrey", 0x696969},
+    {u"dodgerblue", 0x1E90FF},
+    {u"firebrick", 0xB22222},
+    {u"floralwhite", 0xFFFAF0},
+    {u"forestgreen", 0x228B22},
+    {u"fuchsia", 0xFF00FF},
+    {u"gainsboro", 0xDCDCDC},
+    {u"ghostwhite", 0xF8F8FF},
+    {u"gold", 0xFFD700},
+    {u"goldenrod", 0xDAA520},
+    {u"gray", 0x808080},
+    {u"green", 0x008000},
+    {u"greenyellow", 0xADFF2F},
+    {u"grey", 0x808080},
+    {u"honeydew", 0xF0FFF0},
+    {u"hotpink", 0xFF69B4},
+    {u"indianred", 0xCD5C5C},
+    {u"indigo", 0x4B0082},
+    {u"ivory", 0xFFFFF0},
+    {u"khaki", 0xF0E68C},
+    {u"lavender", 0xE6E6FA},
+    {u"lavenderblush", 0xFFF0F5},
+    {u"lawngreen", 0x7CFC00},
+    {u"lemonchiffon", 0xFFFACD},
+    {u"lightblue", 0xADD8E6},
+    {u"lightcoral", 0xF08080},
+    {u"lightcyan", 0xE0FFFF},
+    {u"lightgoldenrodyellow", 0xFAFAD2},
+    {u"lightgray", 0xD3D3D3},
+    {u"lightgreen", 0x90EE90},
+    {u"lightgrey", 0xD3D3D3},
+    {u"lightpink", 0xFFB6C1},
+    {u"lightsalmon", 0xFFA07A},
+    {u"lightseagreen", 0x20B2AA},
+    {u"lightskyblue", 0x87CEFA},
+    {u"lightslategray", 0x778899},
+    {u"lightslategrey", 0x778899},
+    {u"lightsteelblue", 0xB0C4DE},
+    {u"lightyellow", 0xFFFFE0},
+    {u"lime", 0x00FF00},
+    {u"limegreen", 0x32CD32},
+    {u"linen", 0xFAF0E6},
+    {u"magenta", 0xFF00FF},
+    {u"maroon", 0x800000},
+    {u"mediumaquamarine", 0x66CDAA},
+    {u"mediumblue", 0x0000CD},
+    {u"mediumorchid", 0xBA55D3},
+    {u"mediumpurple", 0x9370DB},
+    {u"mediumseagreen", 0x3CB371},
+    {u"mediumslateblue", 0x7B68EE},
+    {u"mediumspringgreen", 0x00FA9A},
+    {u"mediumturquoise", 0x48D1CC},
+    {u"mediumvioletred", 0xC71585},
+    {u"midnightblue", 0x191970},
+    {u"mintcream", 0xF5FFFA},
+    {u"mistyrose", 0xFFE4E1},
+    {u"moccasin", 0xFFE4B5},
+    {u"navajowhite", 0xFFDEAD},
+    {u"navy", 0x000080},
+    {u"oldlace", 0xFDF5E6},
+    {u"olive", 0x808000},
+    {u"olivedrab", 0x6B8E23},
+    {u"orange", 0xFFA500},
+    {u"orangered", 0xFF4500},
+    {u"orchid", 0xDA70D6},
+    {u"palegoldenrod", 0xEEE8AA},
+    {u"palegreen", 0x98FB98},
+    {u"paleturquoise", 0xAFEEEE},
+    {u"palevioletred", 0xDB7093},
+    {u"papayawhip", 0xFFEFD5},
+    {u"peachpuff", 0xFFDAB9},
+    {u"peru", 0xCD853F},
+    {u"pink", 0xFFC0CB},
+    {u"plum", 0xDDA0DD},
+    {u"powderblue", 0xB0E0E6},
+    {u"purple", 0x800080},
+    {u"red", 0xFF0000},
+    {u"rosybrown", 0xBC8F8F},
+    {u"royalblue", 0x4169E1},
+    {u"saddlebrown", 0x8B4513},
+    {u"salmon", 0xFA8072},
+    {u"sandybrown", 0xF4A460},
+    {u"seagreen", 0x2E8B57},
+    {u"seashell", 0xFFF5EE},
+    {u"sienna", 0xA0522D},
+    {u"silver", 0xC0C0C0},
+    {u"skyblue", 0x87CEEB},
+    {u"slateblue", 0x6A5ACD},
+    {u"slategray", 0x708090},
+    {u"slategrey", 0x708090},
+    {u"snow", 0xFFFAFA},
+    {u"springgreen", 0x00FF7F},
+    {u"steelblue", 0x4682B4},
+    {u"tan", 0xD2B48C},
+    {u"teal", 0x008080},
+    {u"thistle", 0xD8BFD8},
+    {u"tomato", 0xFF6347},
+    {u"turquoise", 0x40E0D0},
+    {u"violet", 0xEE82EE},
+    {u"wheat", 0xF5DEB3},
+    {u"white", 0xFFFFFF},
+    {u"whitesmoke", 0xF5F5F5},
+    {u"yellow", 0xFFFF00},
+    {u"yellowgreen", 0x9ACD32},
+};
+
+// A lower-case colour name; invalid for any other word.
+NBColor colorWithCSSName(QStringView name) {
+    if (name == u"transparent")
+        return NBColor(0, 0, 0, 0);
+    const std::u16string_view key(name.utf16(), std::size_t(name.size()));
+    const auto found = std::lower_bound(
+        std::begin(kNamedColors), std::end(kNamedColors), key,
+        [](const NamedColor& entry, std::u16string_view wanted) { return entry.name < wanted; });
+    if (found == std::end(kNamedColors) || found->name != key)
+        return NBColor();
+    return NBColor::fromRgba(0xFF000000u | found->rgb);
+}
+
 // Colours as CSS writes them: #rgb, #rgba, #rrggbb, #rrggbbaa, rgb()/rgba() and the named colours.
-QColor parseCSSColor(QString value) {
+NBColor parseCSSColor(QString value) {
     value = value.trimmed().toLower();
     if (value.startsWith(u'#')) {
         const qsizetype digits = value.size() - 1;
         if (digits != 3 && digits != 4 && digits != 6 && digits != 8)
-            return QColor();
-        return NBStyle::colorFromHexString(value).value_or(QColor());
+            return NBColor();
+        return NBStyle::colorFromHexString(value).value_or(NBColor());
     }
     if (value.startsWith(QStringLiteral("rgb"))) {
         const qsizetype open = value.indexOf(u'(');
         const qsizetype close = value.lastIndexOf(u')');
         if (open < 0 || close < open)
-            return QColor();
+            return NBColor();
         const QStringList parts = value.mid(open + 1, close - open - 1)
                                       .replace(u'/', u' ')
                                       .replace(u',', u' ')
                                       .split(u' ', Qt::SkipEmptyParts);
         if (parts.size() != 3 && parts.size() != 4)
-            return QColor();
+            return NBColor();
         int channels[4] = {0, 0, 0, 255};
         for (qsizetype index = 0; index < parts.size(); ++index) {
             QString part = parts[index];
@@ -262,16 +431,13 @@ QColor parseCSSColor(QString value) {
             bool ok = false;
             const double number = part.toDouble(&ok);
             if (!ok)
-                return QColor();
+                return NBColor();
             const double scaled = percent ? number * 2.55 : (index == 3 ? number * 255 : number);
             channels[index] = int(std::clamp(scaled + 0.5, 0.0, 255.0));
         }
-        return QColor(channels[0], channels[1], channels[2], channels[3]);
+        return NBColor(channels[0], channels[1], channels[2], channels[3]);
     }
-    for (QChar character : value)
-        if (character < u'a' || character > u'z')
-            return QColor();
-    return QColor::fromString(value);
+    return colorWithCSSName(value);
 }
 
 enum class Change { Add, Remove };
@@ -475,7 +641,7 @@ private:
                 element.linkAddress = address;
             }
         } else if (name == u"font" && attributes.contains(QStringLiteral("color"))) {
-            const QColor color = parseCSSColor(attributes.value(QStringLiteral("color")));
+            const NBColor color = parseCSSColor(attributes.value(QStringLiteral("color")));
             if (color.isValid())
                 add(NBStyle::styleForTextColor(color));
         }
@@ -514,7 +680,7 @@ private:
                 if (value.contains(u"line-through"))
                     add(NBStyle::strikethrough());
             } else if (property == u"color") {
-                const QColor color = parseCSSColor(value);
+                const NBColor color = parseCSSColor(value);
                 if (color.isValid())
                     add(NBStyle::styleForTextColor(color));
             } else if (property == u"background-color" || property == u"background") {
@@ -522,7 +688,7 @@ private:
                     remove(NBStyle::Kind::BackgroundColor);
                     continue;
                 }
-                QColor color = parseCSSColor(value);
+                NBColor color = parseCSSColor(value);
                 // The shorthand may hold other parts: take the first one that is a colour.
                 if (!color.isValid() && property == u"background") {
                     for (const QString& part : value.split(

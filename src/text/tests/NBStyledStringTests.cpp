@@ -1,6 +1,6 @@
 // Tests of styled strings, their editing, the tag markup and the colour text.
-#include "NBStyledTextGenerators.h"
 #include "text/NBStyledString.h"
+#include "text/testing/NBStyledTextGenerators.h"
 
 #include <gtest/gtest.h>
 #include <rapidcheck/gtest.h>
@@ -12,7 +12,7 @@ using styledtext::make;
 using styledtext::Piece;
 using styledtext::StyleRange;
 
-const NBStyle red = NBStyle::styleForTextColor(QColor(255, 0, 0));
+const NBStyle red = NBStyle::styleForTextColor(NBColor(255, 0, 0));
 
 TEST(NBStyledString, ReadsMarkupTable) {
     struct Case {
@@ -40,9 +40,9 @@ TEST(NBStyledString, ReadsMarkupTable) {
         {"<c#F00>red</c>", make({{"red", {red}}})},
         {"<c#12345>x</c>", make({{"x", {NBStyle::anyTextColor()}}})},
         {"<c#>x</c>", make({{"x", {NBStyle::anyTextColor()}}})},
-        {"<h#00000080>x", make({{"x", {NBStyle::styleForBackgroundColor(QColor(0, 0, 0, 128))}}})},
+        {"<h#00000080>x", make({{"x", {NBStyle::styleForBackgroundColor(NBColor(0, 0, 0, 128))}}})},
         {"<c#00F>a<c#FF0000>b</c>c",
-         make({{"a", {NBStyle::styleForTextColor(Qt::blue)}}, {"b", {red}}, {"c", {}}})},
+         make({{"a", {NBStyle::styleForTextColor(NBColor(0, 0, 255))}}, {"b", {red}}, {"c", {}}})},
         {"<b>unclosed <i>still", make({{"unclosed ", {bold}}, {"still", {bold, italic}}})},
         {"<b><i>bi</i></b><b>b</b>", make({{"bi", {bold, italic}}, {"b", {bold}}})},
         {"<b>a</i>b</b>c", make({{"ab", {bold}}, {"c", {}}})},
@@ -76,7 +76,7 @@ TEST(NBStyledString, WritesMarkupTable) {
         // One run closes before the next opens, styles in ascending order of key.
         {make({{"bi", {NBStyle::italic(), NBStyle::bold()}}, {"b", {NBStyle::bold()}}}),
          "<b><i>bi</i></b><b>b</b>"},
-        {make({{"x", {red, NBStyle::styleForBackgroundColor(QColor(1, 2, 3, 4)), NBStyle::underline()}}}),
+        {make({{"x", {red, NBStyle::styleForBackgroundColor(NBColor(1, 2, 3, 4)), NBStyle::underline()}}}),
          "<h#01020304><c#FF0000><u>x</u></c></h>"},
         {make({{"x", {NBStyle::anyTextColor()}}}), "<c#>x</c>"},
         {make({{"x", {NBStyle::styleWithKey("Unknown", 1)}}}), "x"},
@@ -89,16 +89,16 @@ TEST(NBStyledString, WritesMarkupTable) {
 TEST(NBStyledString, ReadsColorText) {
     struct Case {
         QString text;
-        std::optional<QColor> color;
+        std::optional<NBColor> color;
     };
     const Case cases[] = {
-        {"F", QColor(255, 255, 255)},
-        {"#8", QColor(0x88, 0x88, 0x88)},
-        {"80", QColor(0x80, 0x80, 0x80)},
-        {"f00", QColor(255, 0, 0)},
-        {"#0F08", QColor(0, 255, 0, 0x88)},
-        {"123456", QColor(0x12, 0x34, 0x56)},
-        {"#12345678", QColor(0x12, 0x34, 0x56, 0x78)},
+        {"F", NBColor(255, 255, 255)},
+        {"#8", NBColor(0x88, 0x88, 0x88)},
+        {"80", NBColor(0x80, 0x80, 0x80)},
+        {"f00", NBColor(255, 0, 0)},
+        {"#0F08", NBColor(0, 255, 0, 0x88)},
+        {"123456", NBColor(0x12, 0x34, 0x56)},
+        {"#12345678", NBColor(0x12, 0x34, 0x56, 0x78)},
         {"", std::nullopt},
         {"#", std::nullopt},
         {"12345", std::nullopt},
@@ -154,7 +154,7 @@ TEST(NBStyledString, EditingKeepsRunsNormalised) {
     EXPECT_EQ(text.markupString(), "<b>He</b>world");
     text.removeAllStylesInRange({-5, 100});
     EXPECT_EQ(text.runCount(), 1);
-    text.addStyle(NBStyle::styleForBackgroundColor(Qt::yellow), {1, 2});
+    text.addStyle(NBStyle::styleForBackgroundColor(NBColor(255, 255, 0)), {1, 2});
     text.removeBackgroundColorInRange({0, 3});
     EXPECT_EQ(text, NBStyledString("Heworld"));
     const NBStyledString joined = make({{"ab", {NBStyle::bold()}}})
@@ -207,14 +207,14 @@ RC_GTEST_PROP(NBStyledString, ReadersAcceptAnyText, ()) {
     const NBStyledString read = NBStyledString::styledStringFromMarkupString(text);
     const NBStyledString again = NBStyledString::styledStringFromMarkupString(read.markupString());
     RC_ASSERT(again.string() == QString(read.string()).replace("&lt;", "<"));
-    const std::optional<QColor> color = NBStyle::colorFromHexString(text);
+    const std::optional<NBColor> color = NBStyle::colorFromHexString(text);
     if (color)
         RC_ASSERT(NBStyle::colorFromHexString(NBStyle::hexStringFromColor(*color)) == color);
 }
 
 RC_GTEST_PROP(NBStyledString, ColorWriterOutputReadsBack, (int red, int green, int blue, int alpha)) {
-    const QColor color(std::abs(red % 256), std::abs(green % 256), std::abs(blue % 256),
-                       std::abs(alpha % 256));
+    const NBColor color(std::abs(red % 256), std::abs(green % 256), std::abs(blue % 256),
+                        std::abs(alpha % 256));
     RC_ASSERT(NBStyle::colorFromHexString(NBStyle::hexStringFromColor(color)) == color);
     RC_ASSERT(NBStyle::colorFromHexString("#" + NBStyle::hexStringFromColor(color)) == color);
 }

@@ -1,11 +1,6 @@
-// Tests of styled text to and from rich text (QTextDocument), HTML fragments and inline Markdown.
-#include "NBStyledTextGenerators.h"
+// Tests of styled text to and from HTML fragments and inline Markdown.
 #include "text/NBStyledString.h"
-
-#include <QTextBlock>
-#include <QTextCursor>
-#include <QTextDocument>
-#include <QTextDocumentFragment>
+#include "text/testing/NBStyledTextGenerators.h"
 
 #include <gtest/gtest.h>
 #include <rapidcheck/gtest.h>
@@ -22,7 +17,7 @@ const NBStyle& italic = NBStyle::italic();
 NBStyle link(const QString& address) {
     return NBStyle::styleForHyperlinkURL(address);
 }
-NBStyle textColor(const QColor& color) {
+NBStyle textColor(NBColor color) {
     return NBStyle::styleForTextColor(color);
 }
 
@@ -52,7 +47,10 @@ TEST(NBStyledStringHTML, ReadsWhatBrowsersAndOfficeProgramsWrite) {
             {"<html><head><style>p.MsoNormal{margin:0}</style><title>T</title></head><body>\r\n<p "
              "class=MsoNormal>H<sub>2</sub>O <span style='color:red'>red</span><o:p></o:p></p><!--[if "
              "!supportLists]--><![endif]--></body></html>",
-             make({{"H", {}}, {"2", {NBStyle::subscript()}}, {"O ", {}}, {"red", {textColor(Qt::red)}}})},
+             make({{"H", {}},
+                   {"2", {NBStyle::subscript()}},
+                   {"O ", {}},
+                   {"red", {textColor(NBColor(255, 0, 0))}}})},
             {"a &amp; b &lt;c&gt; &alpha;&#946;&#x3b3;&#X3B4 &unknown; &#0; &#xD800; &#99999999;",
              make({{"a & b <c> αβγδ &unknown; \uFFFD \uFFFD \uFFFD", {}}})},
             {"<script>alert('<b>')</script><style>b{}</style><!-- <b>comment</b> -->x<!-- unclosed",
@@ -72,10 +70,10 @@ TEST(NBStyledStringHTML, ReadsWhatBrowsersAndOfficeProgramsWrite) {
              "rgb(255, 0, 0)\">r</span><span style=\"color:#0f08 !important\">g</span><font "
              "color=\"blue\">b</font><span style=\"color:rgba(0,0,255,0.5)\">h</span>",
              make({{"t", {}},
-                   {"r", {NBStyle::styleForBackgroundColor(Qt::red)}},
-                   {"g", {textColor(QColor(0, 255, 0, 0x88))}},
-                   {"b", {textColor(Qt::blue)}},
-                   {"h", {textColor(QColor(0, 0, 255, 128))}}})},
+                   {"r", {NBStyle::styleForBackgroundColor(NBColor(255, 0, 0))}},
+                   {"g", {textColor(NBColor(0, 255, 0, 0x88))}},
+                   {"b", {textColor(NBColor(0, 0, 255))}},
+                   {"h", {textColor(NBColor(0, 0, 255, 128))}}})},
             {"<span style=\"font-variant:small-caps;text-decoration:underline line-through\">x</span><s>s</s>"
              "<strike>t</strike><del>d</del><u>u</u><ins>i</ins><mark>m</mark><em>e</em>",
              make({{"x", {NBStyle::smallCaps(), NBStyle::underline(), NBStyle::strikethrough()}},
@@ -96,7 +94,7 @@ TEST(NBStyledStringHTML, ReadsWhatBrowsersAndOfficeProgramsWrite) {
             {"<b title=\"a > b\">x</b>", make({{"x", {bold}}})},
             {"<mark style=\"background-color:#ff0\">a<span "
              "style=\"background:rgba(0,0,0,0)\">b</span></mark>",
-             make({{"a", {NBStyle::pop(), NBStyle::styleForBackgroundColor(Qt::yellow)}},
+             make({{"a", {NBStyle::pop(), NBStyle::styleForBackgroundColor(NBColor(255, 255, 0))}},
                    {"b", {NBStyle::pop()}}})},
         });
 }
@@ -105,7 +103,7 @@ TEST(NBStyledStringHTML, WritesFragments) {
     EXPECT_EQ(make({{"a<&>\"", {bold, italic}}, {"b", {link("http://x.org/?a=\"1\"")}}}).htmlFragmentString(),
               "<b><i>a&lt;&amp;&gt;&quot;</i></b><a href=\"http://x.org/?a=&quot;1&quot;\">b</a>");
     EXPECT_EQ(make({{"x",
-                     {textColor(QColor(255, 0, 0)), NBStyle::styleForBackgroundColor(QColor(0, 0, 0, 16)),
+                     {textColor(NBColor(255, 0, 0)), NBStyle::styleForBackgroundColor(NBColor(0, 0, 0, 16)),
                       NBStyle::smallCaps()}}})
                   .htmlFragmentString(),
               "<span style=\"background-color:#00000010\"><span style=\"font-variant:small-caps\"><span "
@@ -173,7 +171,7 @@ TEST(NBStyledStringMarkdown, WritesInlineMarkdown) {
         {make(
              {{"site", {link("http://x.org/a b")}}, {" and ", {}}, {"http://y.org", {NBStyle::hyperlink()}}}),
          "[site](<http://x.org/a b>) and [http://y.org](http://y.org)"},
-        {make({{"u", {NBStyle::underline(), textColor(Qt::red)}}}), "u"},
+        {make({{"u", {NBStyle::underline(), textColor(NBColor(255, 0, 0))}}}), "u"},
     };
     for (const Case& testCase : cases) {
         EXPECT_EQ(testCase.styled.markdownString(), testCase.markdown) << testCase.markdown.toStdString();
@@ -181,72 +179,6 @@ TEST(NBStyledStringMarkdown, WritesInlineMarkdown) {
             NBStyledString::styledStringFromInlineMarkdownString(testCase.styled.markdownString());
         EXPECT_EQ(expected.markdownString(), testCase.markdown);
     }
-}
-
-TEST(NBStyledStringRichText, ShowsStylesAsCharacterFormats) {
-    QTextDocument document;
-    QTextCursor cursor(&document);
-    QTextCharFormat defaults;
-    defaults.setFontFamilies({"Helvetica"});
-    defaults.setForeground(Qt::gray);
-    QTextCharFormat smallCaps;
-    smallCaps.setFontPointSize(9);
-    make({{"Hello", {bold, textColor(Qt::red)}},
-          {"\n", {}},
-          {"world", {NBStyle::smallCaps(), NBStyle::pop()}},
-          {"!", {NBStyle::hyperlink()}}})
-        .insertIntoTextCursor(cursor, defaults, smallCaps);
-    EXPECT_EQ(document.toPlainText(), "Hello\nworld!");
-    const QTextCharFormat hello = document.begin().begin().fragment().charFormat();
-    EXPECT_EQ(hello.fontFamilies().toStringList(), QStringList{"Helvetica"});
-    EXPECT_EQ(hello.fontWeight(), QFont::Bold);
-    EXPECT_EQ(hello.foreground().color(), QColor(Qt::red));
-    const QTextCharFormat world = document.lastBlock().begin().fragment().charFormat();
-    EXPECT_EQ(world.fontCapitalization(), QFont::SmallCaps);
-    EXPECT_EQ(world.fontPointSize(), 9);
-    EXPECT_FALSE(world.hasProperty(QTextFormat::ForegroundBrush));
-    EXPECT_TRUE(world.property(NBPopTextFormatProperty).toBool());
-    QTextCursor bang(&document);
-    bang.setPosition(document.characterCount() - 1);
-    EXPECT_EQ(bang.charFormat().anchorHref(), "!");
-    // Reading a part of the document.
-    EXPECT_EQ(NBStyledString::styledStringFromAttributedString(document, 3, 5),
-              make({{"lo", {bold, textColor(Qt::red)}},
-                    {"\n", {}},
-                    {"wo", {NBStyle::smallCaps(), NBStyle::pop()}}}));
-    // Rich text pasted as HTML reads as styled text.
-    QTextDocument pasted;
-    pasted.setHtml(
-        "<p><b>x</b><i>y</i><span style=\"text-decoration:line-through; vertical-align:sub\">z</span>"
-        "<a name=\"n\">w</a><a href=\"http://u.org\">link</a><u style=\"color:#00f\">v</u></p>");
-    // Qt draws links underlined in the link colour; that is how they look, not styles of their own.
-    EXPECT_EQ(NBStyledString::styledStringFromAttributedString(pasted),
-              make({{"x", {bold}},
-                    {"y", {italic}},
-                    {"z", {NBStyle::strikethrough(), NBStyle::subscript()}},
-                    {"w", {}},
-                    {"link", {link("http://u.org")}},
-                    {"v", {NBStyle::underline(), textColor(Qt::blue)}}}));
-}
-
-TEST(NBStyledStringRichText, PastedTextDropsDefaultBlackAndTransparentBackground) {
-    // What a web word processor puts on the clipboard: every span in explicit black on transparent.
-    QTextDocument pasted;
-    pasted.setHtml("<span style=\"color:#000000;background-color:transparent\">plain</span><span "
-                   "style=\"color:#000000;background-color:rgba(0,0,0,0)\">b</span><span "
-                   "style=\"color:#ff0000;background-color:#ffff00\">marked</span>");
-    EXPECT_EQ(NBStyledString::styledStringFromAttributedString(pasted),
-              make({{"plainb", {}},
-                    {"marked", {textColor(Qt::red), NBStyle::styleForBackgroundColor(Qt::yellow)}}}));
-    // Black chosen in the editor stays.
-    const NBStyledString chosen = make({{"ink", {textColor(Qt::black)}}});
-    EXPECT_EQ(NBStyledString::styledStringFromAttributedString(chosen.attributedString()), chosen);
-}
-
-RC_GTEST_PROP(NBStyledStringRichText, RoundTripKeepsEveryStyle, ()) {
-    const NBStyledString styled = *genStyledString(StyleRange::RichText);
-    const QTextDocumentFragment fragment = styled.attributedString();
-    RC_ASSERT(NBStyledString::styledStringFromAttributedString(fragment) == styled);
 }
 
 RC_GTEST_PROP(NBStyledStringHTML, RoundTripKeepsEveryStyle, ()) {
@@ -268,10 +200,6 @@ RC_GTEST_PROP(NBStyledStringHTML, ReadersAcceptAnyTextAndWriteItBack, ()) {
     RC_ASSERT(NBStyledString::styledStringFromHTMLString(html.htmlFragmentString()) == html);
     const NBStyledString markdown = NBStyledString::styledStringFromInlineMarkdownString(text);
     RC_ASSERT(NBStyledString::styledStringFromInlineMarkdownString(markdown.markdownString()) == markdown);
-    QTextDocument document;
-    document.setHtml(text);
-    const NBStyledString rich = NBStyledString::styledStringFromAttributedString(document);
-    RC_ASSERT(rich.string().size() <= document.characterCount());
 }
 
 RC_GTEST_PROP(NBStyledStringHTML, MarkupSpecialsSurviveEveryFormat, ()) {
@@ -281,7 +209,6 @@ RC_GTEST_PROP(NBStyledStringHTML, MarkupSpecialsSurviveEveryFormat, ()) {
     const NBStyledString plain(text);
     RC_ASSERT(NBStyledString::styledStringFromHTMLString(plain.htmlFragmentString()) == plain);
     RC_ASSERT(NBStyledString::styledStringFromInlineMarkdownString(plain.markdownString()) == plain);
-    RC_ASSERT(NBStyledString::styledStringFromAttributedString(plain.attributedString()) == plain);
 }
 
 } // namespace

@@ -1,8 +1,8 @@
 // Tests of splitting rich text into paragraphs: lines, bold lines, list markers and levels, tables, and the
 // styles carried into the markup, over text built with a cursor and HTML as browsers and office programs
 // paste it.
-#include "document/NBParagraph.h"
-#include "document/NBSpreadsheetData.h"
+#include "richtext/NBParagraphRichText.h"
+#include "richtext/NBSpreadsheetDataRichText.h"
 
 #include <QTextCursor>
 #include <QTextDocument>
@@ -28,7 +28,7 @@ QString summary(const QList<NBParagraph>& paragraphs) {
 QString summaryOfHTML(const char* html) {
     QTextDocument document;
     document.setHtml(QString::fromUtf8(html));
-    return summary(NBParagraph::paragraphsFromAttributedString(document));
+    return summary(NBParagraphRichText::paragraphsFromAttributedString(document));
 }
 
 // A document holding one list of the given format, one item per text.
@@ -43,7 +43,7 @@ QString summaryOfList(const QTextListFormat& format, const QStringList& items) {
             cursor.insertBlock();
         cursor.insertText(items[index]);
     }
-    return summary(NBParagraph::paragraphsFromAttributedString(document));
+    return summary(NBParagraphRichText::paragraphsFromAttributedString(document));
 }
 
 } // namespace
@@ -60,7 +60,7 @@ TEST(NBParagraphRichText, LinesBecomeParagraphs) {
     for (const auto& testCase : plainCases) {
         QTextDocument document;
         document.setPlainText(QString::fromUtf8(testCase.plainText));
-        EXPECT_EQ(summary(NBParagraph::paragraphsFromAttributedString(document)), testCase.expected)
+        EXPECT_EQ(summary(NBParagraphRichText::paragraphsFromAttributedString(document)), testCase.expected)
             << testCase.plainText;
     }
 
@@ -118,10 +118,11 @@ TEST(NBParagraphRichText, ListLinesLoseTheirMarkersAndKeepTheirLevels) {
 
     QTextDocument tasks;
     tasks.setMarkdown("- [ ] todo\n- [x] done\n");
-    EXPECT_EQ(NBParagraph::markerFormatForTextBlock(tasks.begin()), "{box}");
-    EXPECT_EQ(NBParagraph::markerFormatForTextBlock(tasks.begin().next()), "{check}");
-    EXPECT_EQ(summary(NBParagraph::paragraphsFromAttributedString(tasks)), "bullet0:todo | bullet0:done");
-    EXPECT_EQ(NBParagraph::markerFormatForTextBlock(QTextBlock()), "");
+    EXPECT_EQ(NBParagraphRichText::markerFormatForTextBlock(tasks.begin()), "{box}");
+    EXPECT_EQ(NBParagraphRichText::markerFormatForTextBlock(tasks.begin().next()), "{check}");
+    EXPECT_EQ(summary(NBParagraphRichText::paragraphsFromAttributedString(tasks)),
+              "bullet0:todo | bullet0:done");
+    EXPECT_EQ(NBParagraphRichText::markerFormatForTextBlock(QTextBlock()), "");
 }
 
 TEST(NBParagraphRichText, TablesBecomeTableParagraphs) {
@@ -151,25 +152,26 @@ TEST(NBParagraphRichText, TablesBecomeTableParagraphs) {
     table->cellAt(0, 1).firstCursorPosition().insertText("tab\there");
     NBTextRange range;
     std::optional<NBSpreadsheetData> data =
-        NBSpreadsheetData::spreadsheetDataWithAttributedString(document, 0, &range);
+        NBSpreadsheetDataRichText::spreadsheetDataWithAttributedString(document, 0, &range);
     ASSERT_TRUE(data);
     EXPECT_EQ(data->columnWidths(), (QList<qreal>{80, 120}));
     EXPECT_EQ(data->arrayOfArrayOfMarkupStrings(), (QList<QStringList>{{"", "tab\there"}}));
     EXPECT_EQ(data->tableParagraph().content(), "\ttab&#9;here");
     EXPECT_EQ(range.location, 0);
     EXPECT_EQ(range.end(), table->lastPosition() + 1);
-    EXPECT_FALSE(NBSpreadsheetData::spreadsheetDataWithAttributedString(document, range.end(), nullptr));
+    EXPECT_FALSE(
+        NBSpreadsheetDataRichText::spreadsheetDataWithAttributedString(document, range.end(), nullptr));
 }
 
 TEST(NBParagraphRichText, CharacterStylesSurviveAsMarkup) {
     QTextDocument document;
     document.setHtml("<p>a <i>b</i> <span style='color:#ff0000'>c</span> <u>d</u><sup>2</sup> x&lt;y</p>");
-    const QList<NBParagraph> paragraphs = NBParagraph::paragraphsFromAttributedString(document);
+    const QList<NBParagraph> paragraphs = NBParagraphRichText::paragraphsFromAttributedString(document);
     ASSERT_EQ(paragraphs.size(), 1);
 
     NBMutableStyledString expected(QStringLiteral("a b c d2 x<y"));
     expected.addStyle(NBStyle::italic(), {2, 1});
-    expected.addStyle(NBStyle::styleForTextColor(QColor(255, 0, 0)), {4, 1});
+    expected.addStyle(NBStyle::styleForTextColor(NBColor(255, 0, 0)), {4, 1});
     expected.addStyle(NBStyle::underline(), {6, 1});
     expected.addStyle(NBStyle::superscript(), {7, 1});
     EXPECT_EQ(paragraphs[0].content(), expected.markupString());
@@ -210,7 +212,7 @@ QString listsOfDocument(const QTextDocument& document) {
         }
         if (!lists.contains(list))
             lists << list;
-        parts << NBParagraph::markerFormatForTextBlock(block) + "#" +
+        parts << NBParagraphRichText::markerFormatForTextBlock(block) + "#" +
                      QString::number(lists.indexOf(list) + 1);
     }
     return parts.join(" ");
@@ -287,9 +289,9 @@ TEST(NBParagraphRichText, WordListParagraphsBecomeLists) {
     };
     for (const auto& testCase : cases) {
         QTextDocument document;
-        NBParagraph::setAttributedStringFromHTMLString(document, testCase.html);
+        NBParagraphRichText::setAttributedStringFromHTMLString(document, testCase.html);
         EXPECT_EQ(listsOfDocument(document).toStdString(), testCase.lists) << qPrintable(testCase.html);
-        EXPECT_EQ(summary(NBParagraph::paragraphsFromHTMLString(testCase.html)).toStdString(),
+        EXPECT_EQ(summary(NBParagraphRichText::paragraphsFromHTMLString(testCase.html)).toStdString(),
                   testCase.expected)
             << qPrintable(testCase.html);
     }

@@ -1,5 +1,8 @@
-// NBSpreadsheetData: reading a table of a QTextDocument (how a pasted or imported table becomes a grid).
-#include "document/NBSpreadsheetData.h"
+// NBSpreadsheetDataRichText: reading a table of a QTextDocument (how a pasted or imported table becomes a
+// grid).
+#include "richtext/NBSpreadsheetDataRichText.h"
+
+#include "richtext/NBStyledStringRichText.h"
 
 #include <QTextBlock>
 #include <QTextDocument>
@@ -39,7 +42,7 @@ QString markupForCell(const QTextDocument& document, const QTextTableCell& cell)
         first = false;
         if (end > start)
             text.appendStyledString(
-                NBStyledString::styledStringFromAttributedString(document, start, end - start));
+                NBStyledStringRichText::styledStringFromAttributedString(document, start, end - start));
     }
     // A line separator (a <br>) inside a cell is a line break of the cell like a block boundary, so that
     // the grid escapes it.
@@ -61,13 +64,12 @@ std::optional<QList<qreal>> columnWidthsOfTable(const QTextTable& table) {
 
 } // namespace
 
-std::optional<NBSpreadsheetData>
-NBSpreadsheetData::spreadsheetDataWithAttributedString(const QTextDocument& document, int startingLocation,
-                                                       NBTextRange* effectiveRange) {
+std::optional<NBSpreadsheetData> NBSpreadsheetDataRichText::spreadsheetDataWithAttributedString(
+    const QTextDocument& document, int startingLocation, NBTextRange* effectiveRange) {
     QTextTable* table = tableBeginningAt(document, startingLocation);
     if (!table)
         return std::nullopt;
-    NBSpreadsheetData data;
+    QList<QStringList> rows;
     for (int row = 0; row < table->rows(); ++row) {
         QStringList cells;
         for (int column = 0; column < table->columns(); ++column) {
@@ -76,9 +78,10 @@ NBSpreadsheetData::spreadsheetDataWithAttributedString(const QTextDocument& docu
             bool covered = cell.row() != row || cell.column() != column;
             cells << (covered || !cell.isValid() ? QString() : markupForCell(document, cell));
         }
-        data.rows_ << cells;
+        rows << cells;
     }
-    data.columnWidths_ = columnWidthsOfTable(*table);
+    NBSpreadsheetData data =
+        NBSpreadsheetData::spreadsheetDataWithArrayOfArrayOfMarkupStrings(rows, columnWidthsOfTable(*table));
 
     int end = table->lastPosition() + 1; // after the frame's closing character
     QTextBlock following = document.findBlock(end);

@@ -157,20 +157,20 @@ inline rc::Gen<NBStyleSet> genStyleSet(StyleRange range) {
             const int minimumColor = range == StyleRange::Markup ? 0 : 1;
             if (*rc::gen::inRange(0, 3) == 0) {
                 const int kind = *rc::gen::inRange(minimumColor, 3);
-                const QColor color = kind == 0 ? QColor()
-                                     : kind == 1
-                                         ? QColor(0x12, 0xAB, 0xEF)
-                                         : QColor(*rc::gen::inRange(0, 256), *rc::gen::inRange(0, 256),
-                                                  *rc::gen::inRange(0, 256));
+                const NBColor color = kind == 0 ? NBColor()
+                                      : kind == 1
+                                          ? NBColor(0x12, 0xAB, 0xEF)
+                                          : NBColor(*rc::gen::inRange(0, 256), *rc::gen::inRange(0, 256),
+                                                    *rc::gen::inRange(0, 256));
                 styles.insert(NBStyle::styleForTextColor(color));
             }
             if (*rc::gen::inRange(0, 3) == 0) {
                 const int kind = *rc::gen::inRange(minimumColor, 3);
-                const QColor color =
-                    kind == 0   ? QColor()
-                    : kind == 1 ? QColor(0xFF, 0xFF, 0x00)
-                                : QColor(*rc::gen::inRange(0, 256), *rc::gen::inRange(0, 256),
-                                         *rc::gen::inRange(0, 256), *rc::gen::inRange(minimumColor, 256));
+                const NBColor color =
+                    kind == 0   ? NBColor()
+                    : kind == 1 ? NBColor(0xFF, 0xFF, 0x00)
+                                : NBColor(*rc::gen::inRange(0, 256), *rc::gen::inRange(0, 256),
+                                          *rc::gen::inRange(0, 256), *rc::gen::inRange(minimumColor, 256));
                 styles.insert(NBStyle::styleForBackgroundColor(color));
             }
         }

@@ -1,27 +1,27 @@
-// NBParagraph: splitting rich text (a QTextDocument, which pasted HTML, Word and Markdown imports pass
-// through) into paragraphs.
+// NBParagraphRichText: splitting rich text (a QTextDocument, which pasted HTML, Word and Markdown imports
+// pass through) into paragraphs.
 //
 // How the QTextDocument is read. The document's raw text (QTextDocument::toRawText) is walked position by
 // position; positions are those of QTextCursor.
 //   Lines: a line ends at any line-break character: "\n", "\v", "\f", "\r", U+0085, the line separator
 //   U+2028 (a <br>), the paragraph separator U+2029 between blocks, and the frame characters U+FDD0 and
 //   U+FDD1 that open and close frames (the block before a table ends with the table's opening character).
-//   Tables: a QTextTable is taken whole by NBSpreadsheetData where it begins, and becomes a table paragraph.
-//   List markers: QTextDocument draws markers instead of storing them in the text. A line that starts a
-//   block of a QTextList is read as the text the list shows: the marker, a tab, then the block's text. The
-//   marker is one symbol for bullet formats (markerFormatForTextBlock) and the list's item text ("3.",
-//   "c)") for numbered ones; so a bullet loses exactly its marker and tab, and a numbered item keeps what
-//   follows the first tab. The lines after a line separator inside a list item show no marker and are not
-//   list lines.
-//   Head indents: a block's head indent (where its wrapped lines start) is its left margin plus its indent
-//   steps (QTextBlockFormat::indent, and for a list item the list's indent minus one) times the document's
-//   indent width. Qt puts a first-level list's text one indent step in from body text, where its marker
-//   sits; counting the list's first step out makes a pasted first-level list level 0 and each nested list
-//   one level deeper. Indents are compared exactly.
-//   Bold: the first character's font weight is DemiBold (600) or heavier, as CSS and HTML headings make it.
-#include "document/NBParagraph.h"
+//   Tables: a QTextTable is taken whole by NBSpreadsheetDataRichText where it begins, and becomes a table
+//   paragraph. List markers: QTextDocument draws markers instead of storing them in the text. A line that
+//   starts a block of a QTextList is read as the text the list shows: the marker, a tab, then the block's
+//   text. The marker is one symbol for bullet formats (markerFormatForTextBlock) and the list's item text
+//   ("3.", "c)") for numbered ones; so a bullet loses exactly its marker and tab, and a numbered item keeps
+//   what follows the first tab. The lines after a line separator inside a list item show no marker and are
+//   not list lines. Head indents: a block's head indent (where its wrapped lines start) is its left margin
+//   plus its indent steps (QTextBlockFormat::indent, and for a list item the list's indent minus one) times
+//   the document's indent width. Qt puts a first-level list's text one indent step in from body text, where
+//   its marker sits; counting the list's first step out makes a pasted first-level list level 0 and each
+//   nested list one level deeper. Indents are compared exactly. Bold: the first character's font weight is
+//   DemiBold (600) or heavier, as CSS and HTML headings make it.
+#include "richtext/NBParagraphRichText.h"
 
-#include "document/NBSpreadsheetData.h"
+#include "richtext/NBSpreadsheetDataRichText.h"
+#include "richtext/NBStyledStringRichText.h"
 
 #include <QFont>
 #include <QTextBlock>
@@ -120,15 +120,15 @@ struct ShownLine {
             content.appendString(prefix.mid(from));
         const int start = location + int(std::max<qsizetype>(from - prefix.size(), 0));
         if (start < location + length)
-            content.appendStyledString(
-                NBStyledString::styledStringFromAttributedString(document, start, location + length - start));
+            content.appendStyledString(NBStyledStringRichText::styledStringFromAttributedString(
+                document, start, location + length - start));
         return content.markupString();
     }
 };
 
 } // namespace
 
-QString NBParagraph::markerFormatForTextBlock(const QTextBlock& block) {
+QString NBParagraphRichText::markerFormatForTextBlock(const QTextBlock& block) {
     const QTextList* list = block.textList();
     if (!list)
         return QString();
@@ -169,7 +169,7 @@ QString NBParagraph::markerFormatForTextBlock(const QTextBlock& block) {
     }
 }
 
-QList<qreal> NBParagraph::tabIndentsForAttributedString(const QTextDocument& document) {
+QList<qreal> NBParagraphRichText::tabIndentsForAttributedString(const QTextDocument& document) {
     QList<qreal> indents{0.0};
     for (QTextBlock block = document.begin(); block.isValid(); block = block.next())
         indents << headIndentOfBlock(document, block);
@@ -178,8 +178,9 @@ QList<qreal> NBParagraph::tabIndentsForAttributedString(const QTextDocument& doc
     return indents;
 }
 
-NBParagraph NBParagraph::paragraphFromLineWithAttributedString(const QTextDocument& document, int location,
-                                                               int length, const QList<qreal>& tabIndents) {
+NBParagraph NBParagraphRichText::paragraphFromLineWithAttributedString(const QTextDocument& document,
+                                                                       int location, int length,
+                                                                       const QList<qreal>& tabIndents) {
     const int characterCount = document.characterCount();
     location = std::clamp(location, 0, std::max(characterCount - 1, 0));
     length = std::clamp(length, 0, std::max(characterCount - 1 - location, 0));
@@ -201,24 +202,24 @@ NBParagraph NBParagraph::paragraphFromLineWithAttributedString(const QTextDocume
                          prefix + documentText(document, location, length)};
 
     if (line.text.trimmed().isEmpty())
-        return normalParagraphWithContent(QString());
+        return NBParagraph::normalParagraphWithContent(QString());
 
     if (!prefix.isEmpty()) {
         const qsizetype levelIndex = tabIndents.indexOf(headIndentOfBlock(document, block));
         const qint64 level = std::max<qsizetype>(levelIndex, 0);
         if (bulletSymbolForMarkerFormat(markerFormat))
-            return bulletParagraphWithContent(line.markupFrom(2), level);
+            return NBParagraph::bulletParagraphWithContent(line.markupFrom(2), level);
         const qsizetype tab = line.text.indexOf(QLatin1Char('\t'), 1);
         if (tab >= 0 && tab + 1 < line.text.size())
-            return numberParagraphWithContent(line.markupFrom(tab + 1), level);
+            return NBParagraph::numberParagraphWithContent(line.markupFrom(tab + 1), level);
     }
 
     if (charFormatAt(document, location).fontWeight() >= QFont::DemiBold)
-        return sectionParagraphWithTitle(line.markupFrom(0));
-    return normalParagraphWithContent(line.markupFrom(0));
+        return NBParagraph::sectionParagraphWithTitle(line.markupFrom(0));
+    return NBParagraph::normalParagraphWithContent(line.markupFrom(0));
 }
 
-QList<NBParagraph> NBParagraph::paragraphsFromAttributedString(const QTextDocument& document) {
+QList<NBParagraph> NBParagraphRichText::paragraphsFromAttributedString(const QTextDocument& document) {
     const QList<qreal> tabIndents = tabIndentsForAttributedString(document);
     const QString text = document.toRawText();
     QList<NBParagraph> paragraphs;
@@ -226,8 +227,10 @@ QList<NBParagraph> NBParagraph::paragraphsFromAttributedString(const QTextDocume
     while (true) {
         NBTextRange tableRange;
         if (std::optional<NBSpreadsheetData> table =
-                NBSpreadsheetData::spreadsheetDataWithAttributedString(document, location, &tableRange)) {
-            paragraphs << tableParagraphWithRows(table->arrayOfArrayOfMarkupStrings(), std::nullopt);
+                NBSpreadsheetDataRichText::spreadsheetDataWithAttributedString(document, location,
+                                                                               &tableRange)) {
+            paragraphs << NBParagraph::tableParagraphWithRows(table->arrayOfArrayOfMarkupStrings(),
+                                                              std::nullopt);
             location = int(tableRange.end());
             continue;
         }

@@ -1,6 +1,6 @@
 // Styled text to and from QTextDocument character formats: how the desktop editor shows and edits styled
 // text, and how pasted or imported rich text becomes paragraph markup (the mapping is listed in
-// NBStyledString.h).
+// NBStyledStringRichText.h).
 //
 // Colours of rich text from elsewhere: web word processors write every character's colours out in full, so
 // text pasted from them carries an opaque black text colour and a fully transparent background everywhere.
@@ -9,7 +9,7 @@
 // in the notebook programs people paste into most, it is dropped, so pasted text follows the notebook's own
 // text colour (and stays readable in a dark theme). Black chosen in the editor is kept, since formats made
 // from styles carry NBStyledTextFormatProperty.
-#include "text/NBStyledString.h"
+#include "richtext/NBStyledStringRichText.h"
 
 #include <QGuiApplication>
 #include <QPalette>
@@ -20,8 +20,8 @@
 
 #include <climits>
 
-QTextCharFormat NBStyledString::attributesFromStyles(const NBStyleSet& styles,
-                                                     const QTextCharFormat& referenceAttributes) {
+QTextCharFormat NBStyledStringRichText::attributesFromStyles(const NBStyleSet& styles,
+                                                             const QTextCharFormat& referenceAttributes) {
     QTextCharFormat format = referenceAttributes;
     // Every style decides its own property, so the reference attributes give only what styles do not cover
     // (font family, size, ...); colours left in them would read back as colour styles.
@@ -37,12 +37,13 @@ QTextCharFormat NBStyledString::attributesFromStyles(const NBStyleSet& styles,
         format.setVerticalAlignment(QTextCharFormat::AlignSubScript);
     else
         format.setVerticalAlignment(QTextCharFormat::AlignNormal);
-    const QColor textColor = styles.styleOfKind(NBStyle::Kind::TextColor).color();
+    const QColor textColor = qColorFromColor(styles.styleOfKind(NBStyle::Kind::TextColor).color());
     if (textColor.isValid())
         format.setForeground(textColor);
     else
         format.clearForeground();
-    const QColor backgroundColor = styles.styleOfKind(NBStyle::Kind::BackgroundColor).color();
+    const QColor backgroundColor =
+        qColorFromColor(styles.styleOfKind(NBStyle::Kind::BackgroundColor).color());
     if (backgroundColor.isValid())
         format.setBackground(backgroundColor);
     else
@@ -61,7 +62,7 @@ QTextCharFormat NBStyledString::attributesFromStyles(const NBStyleSet& styles,
     return format;
 }
 
-NBStyleSet NBStyledString::stylesFromAttributes(const QTextCharFormat& attributes) {
+NBStyleSet NBStyledStringRichText::stylesFromAttributes(const QTextCharFormat& attributes) {
     NBStyleSet styles;
     const bool isLink = attributes.isAnchor() && !attributes.anchorHref().isEmpty();
     const bool madeFromStyles = attributes.property(NBStyledTextFormatProperty).toBool();
@@ -85,10 +86,10 @@ NBStyleSet NBStyledString::stylesFromAttributes(const QTextCharFormat& attribute
     if (attributes.hasProperty(QTextFormat::ForegroundBrush) &&
         attributes.foreground().style() != Qt::NoBrush && !(drawnAsLink && foreground == linkColor) &&
         !(!madeFromStyles && foreground.rgba() == qRgb(0, 0, 0)))
-        styles.insert(NBStyle::styleForTextColor(foreground));
+        styles.insert(NBStyle::styleForTextColor(colorFromQColor(foreground)));
     if (attributes.hasProperty(QTextFormat::BackgroundBrush) &&
         attributes.background().style() != Qt::NoBrush && attributes.background().color().alpha() != 0)
-        styles.insert(NBStyle::styleForBackgroundColor(attributes.background().color()));
+        styles.insert(NBStyle::styleForBackgroundColor(colorFromQColor(attributes.background().color())));
     // Named anchors (<a name=...>) are not links.
     if (isLink)
         styles.insert(NBStyle::styleForHyperlinkURL(attributes.anchorHref()));
@@ -97,11 +98,12 @@ NBStyleSet NBStyledString::stylesFromAttributes(const QTextCharFormat& attribute
     return styles;
 }
 
-void NBStyledString::insertIntoTextCursor(QTextCursor& cursor, const QTextCharFormat& defaultAttributes,
-                                          const QTextCharFormat& smallCapsAttributes) const {
-    for (std::size_t index = 0; index < runs_.size(); ++index) {
-        const QString text = string_.mid(runs_[index].location, runEnd(index) - runs_[index].location);
-        const NBStyleSet& styles = runs_[index].styles;
+void NBStyledStringRichText::insertIntoTextCursor(const NBStyledString& string, QTextCursor& cursor,
+                                                  const QTextCharFormat& defaultAttributes,
+                                                  const QTextCharFormat& smallCapsAttributes) {
+    for (const NBStyledString::Run& run : string.runs()) {
+        const QString text = string.string().mid(run.location, run.length);
+        const NBStyleSet& styles = run.styles;
         QTextCharFormat format = attributesFromStyles(styles, defaultAttributes);
         if (styles.containsKind(NBStyle::Kind::SmallCaps) && !smallCapsAttributes.isEmpty())
             format.merge(smallCapsAttributes);
@@ -113,15 +115,15 @@ void NBStyledString::insertIntoTextCursor(QTextCursor& cursor, const QTextCharFo
     }
 }
 
-QTextDocumentFragment NBStyledString::attributedString() const {
+QTextDocumentFragment NBStyledStringRichText::attributedString(const NBStyledString& string) {
     QTextDocument document;
     QTextCursor cursor(&document);
-    insertIntoTextCursor(cursor);
+    insertIntoTextCursor(string, cursor);
     return QTextDocumentFragment(&document);
 }
 
-NBStyledString NBStyledString::styledStringFromAttributedString(const QTextDocument& document, int position,
-                                                                int length) {
+NBStyledString NBStyledStringRichText::styledStringFromAttributedString(const QTextDocument& document,
+                                                                        int position, int length) {
     NBMutableStyledString result;
     position = std::max(position, 0);
     const int end = length < 0 ? INT_MAX : position + std::min(length, INT_MAX - position);
@@ -154,9 +156,23 @@ NBStyledString NBStyledString::styledStringFromAttributedString(const QTextDocum
     return result;
 }
 
-NBStyledString NBStyledString::styledStringFromAttributedString(const QTextDocumentFragment& fragment) {
+NBStyledString
+NBStyledStringRichText::styledStringFromAttributedString(const QTextDocumentFragment& fragment) {
     QTextDocument document;
     QTextCursor cursor(&document);
     cursor.insertFragment(fragment);
     return styledStringFromAttributedString(document);
+}
+
+QColor NBStyledStringRichText::qColorFromColor(NBColor color) {
+    if (!color.isValid())
+        return QColor();
+    return QColor::fromRgba(color.rgba());
+}
+
+NBColor NBStyledStringRichText::colorFromQColor(const QColor& color) {
+    // Colours are kept as 8-bit RGBA, so equal colours compare equal whatever their origin.
+    if (!color.isValid())
+        return NBColor();
+    return NBColor::fromRgba(color.rgba());
 }

@@ -1,4 +1,5 @@
-// NBParagraph: reading pasted HTML into rich text, with the list paragraphs of Microsoft Word made lists.
+// NBParagraphRichText: reading pasted HTML into rich text, with the list paragraphs of Microsoft Word made
+// lists.
 //
 // Word does not paste lists as <ul> or <ol>. Each item is a <p> (class MsoListParagraph...) or <div> whose
 // inline style holds "mso-list:lN levelM lfoK": N names the list, M (from 1) the nesting level. The marker
@@ -28,7 +29,7 @@
 // Everything else is read by Qt's HTML reader as it stands. The items are found again after Qt has read the
 // HTML through a tag, a noncharacter followed by the item's number and another noncharacter, written at
 // the start of each item's content; tags Qt left elsewhere (HTML nested strangely) are removed unread.
-#include "document/NBParagraph.h"
+#include "richtext/NBParagraphRichText.h"
 
 #include "text/NBStyledString.h"
 
@@ -254,7 +255,7 @@ std::optional<qsizetype> takeItemTags(QTextDocument& document, const QTextBlock&
 
 } // namespace
 
-void NBParagraph::setAttributedStringFromHTMLString(QTextDocument& document, QStringView html) {
+void NBParagraphRichText::setAttributedStringFromHTMLString(QTextDocument& document, QStringView html) {
     QList<WordListItem> items;
     document.setHtml(markWordListItems(html.toString(), items));
 
@@ -295,7 +296,7 @@ void NBParagraph::setAttributedStringFromHTMLString(QTextDocument& document, QSt
     }
 }
 
-QList<NBParagraph> NBParagraph::paragraphsFromHTMLString(QStringView html) {
+QList<NBParagraph> NBParagraphRichText::paragraphsFromHTMLString(QStringView html) {
     QTextDocument document;
     setAttributedStringFromHTMLString(document, html);
     return paragraphsFromAttributedString(document);
