@@ -176,6 +176,11 @@ SQLite::Database* NBSQLiteFTS4SearchIndex::openSQLiteDBIfNecessary(NBError* outE
     try {
         auto database = std::make_unique<SQLite::Database>(
             utf8(path), SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE, busyTimeoutMilliseconds);
+        if (!inMemory()) {
+            // Write-ahead logging, synced at checkpoints only (see the header).
+            database->exec("PRAGMA journal_mode=WAL");
+            database->exec("PRAGMA synchronous=NORMAL");
+        }
         if (contentLess_) {
             for (const char* statement : contentLessSchema)
                 database->exec(statement);
