@@ -1,10 +1,11 @@
 // The inotify engine behind file observers: one shared inotify instance, one delivery thread, per-stream
-// recursive watches and coalescing windows; and the polling fallback on a thread of its own, which moves a
-// stream back to inotify when it can.
+// watches and coalescing windows; walks of new folders on a queue of their own; and the polling fallback on
+// another queue, which moves a stream back to inotify when it can.
 #include "fileobserver/NBFileEventStream.h"
 
 #include "fileobserver/NBFileObserver.h"
 
+#include "dispatch/OAKDispatchQueue.h"
 #include "foundation/NBLogging.h"
 
 #include <QDir>
@@ -37,12 +38,14 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// What every watched folder reports. IN_DONT_FOLLOW and IN_ONLYDIR keep the recursion from following
-// symbolic links (which could loop) or racing with a folder replaced by a file; IN_EXCL_UNLINK stops
-// reporting writes to files that were deleted while still open.
-constexpr std::uint32_t kFolderMask = IN_CREATE | IN_DELETE | IN_MODIFY | IN_CLOSE_WRITE | IN_ATTRIB |
-                                      IN_MOVED_FROM | IN_MOVED_TO | IN_DELETE_SELF | IN_MOVE_SELF |
-                                      IN_EXCL_UNLINK | IN_DONT_FOLLOW | IN_ONLYDIR;
+// What every watched folder reports. A write is reported by IN_MODIFY when it happens; closing a file is not
+// a change (IN_CLOSE_WRITE would wake an observer whenever anyone closed a file opened for writing, such as a
+// database opened read-write only to be read). IN_DONT_FOLLOW and IN_ONLYDIR keep the recursion from
+// following symbolic links (which could loop) or racing with a folder replaced by a file; IN_EXCL_UNLINK
+// stops reporting writes to files that were deleted while still open.
+constexpr std::uint32_t kFolderMask = IN_CREATE | IN_DELETE | IN_MODIFY | IN_ATTRIB | IN_MOVED_FROM |
+                                      IN_MOVED_TO | IN_DELETE_SELF | IN_MOVE_SELF | IN_EXCL_UNLINK |
+                                      IN_DONT_FOLLOW | IN_ONLYDIR;
 // The observed path itself may be a symbolic link to a folder, or a file.
 constexpr std::uint32_t kRootMask = kFolderMask & ~std::uint32_t(IN_DONT_FOLLOW | IN_ONLYDIR);
 
@@ -59,25 +62,36 @@ std::atomic<bool>& forcedPolling() {
     return forced;
 }
 
-struct PollHook {
+struct TestHooks {
     std::mutex mutex;
-    NBFileEventStream::PollHook hook;
+    NBFileEventStream::PollHook poll;
+    NBFileEventStream::WalkHook walk;
 };
 
-PollHook& pollHook() {
-    // Never destroyed: the polling thread may still look at it while the process exits.
-    static PollHook* shared = new PollHook();
+TestHooks& testHooks() {
+    // Never destroyed: the queues may still look at it while the process exits.
+    static TestHooks* shared = new TestHooks();
     return *shared;
 }
 
 void runPollHook(const QString& path, bool resumingWatch) {
     NBFileEventStream::PollHook hook;
     {
-        std::lock_guard lock(pollHook().mutex);
-        hook = pollHook().hook;
+        std::lock_guard lock(testHooks().mutex);
+        hook = testHooks().poll;
     }
     if (hook)
         hook(path, resumingWatch);
+}
+
+void runWalkHook(const QString& folder) {
+    NBFileEventStream::WalkHook hook;
+    {
+        std::lock_guard lock(testHooks().mutex);
+        hook = testHooks().walk;
+    }
+    if (hook)
+        hook(folder);
 }
 
 Clock::duration durationForSeconds(double seconds) {
@@ -124,7 +138,7 @@ struct NBFileEventStreamState {
     std::uint64_t identifier = 0;
     QString rootPath;
     NBFileEventStream::Callback callback;
-    const void* context = nullptr;
+    NBFileEventStreamOptions options;
     std::atomic<bool> running{true};
     std::atomic<bool> polling{false};
     // Set while a polling stream goes back to watching: its watches are being added and the tree is then
@@ -134,6 +148,9 @@ struct NBFileEventStreamState {
     // Changes at every switch between watching and polling, so that a walk that released the engine's
     // mutex can tell that the stream changed course meanwhile.
     std::uint64_t generation = 0;
+    // Walks queued for this stream and not finished yet: a flush waits for them, since they report what
+    // new folders already held.
+    unsigned walksPending = 0;
     // Set when the stream fell back to polling while running: the next poll takes a new baseline instead of
     // comparing, and reports a rescan of the root, since changes between the fallback and the baseline
     // were seen by neither inotify nor polling.
@@ -182,15 +199,14 @@ public:
     }
     void setPausesReading(bool pauses);
     void wake();
-    void wakePoller() {
+    void pollingIntervalChanged() {
         std::lock_guard lock(mutex_);
-        pollerCondition_.notify_all();
+        schedulePollLocked();
     }
 
 private:
     Engine();
     void run();
-    void runPoller();
 
     // The helpers below run with mutex_ held. watchTree releases it while it lists a folder when given the
     // caller's lock, and then gives up (ECANCELED) if the stream stopped or changed course meanwhile.
@@ -203,24 +219,38 @@ private:
     void record(NBFileEventStreamState& stream, const QString& path, std::uint32_t flags);
     void switchToPolling(NBFileEventStreamState& stream, bool logError, int error);
     void setRetryTriggers(NBFileEventStreamState& stream, int error, std::size_t folderCount);
-    void startPoller();
+    double latencyOf(const NBFileEventStreamState& stream) const;
+    // True when a watching stream has recorded every change up to the last read of the kernel's events.
+    static bool isCaughtUp(const NBFileEventStreamState& stream) {
+        return !stream.polling && !stream.resuming && stream.walksPending == 0;
+    }
+    // Sets the polling queue's timer to the next poll due among the polling streams.
+    void schedulePollLocked();
+    // Hands a walk of `folder` to the walking queue.
+    void queueWalkLocked(const StreamPointer& stream, const QString& folder, bool reportContents);
     void readInotifyEvents();
-    void handleEvent(NBFileEventStreamState& stream, int watch, const QString& folder, std::uint32_t mask,
+    void handleEvent(const StreamPointer& stream, int watch, const QString& folder, std::uint32_t mask,
                      const QString& name);
     void handleOverflow();
     void recordDifferences(NBFileEventStreamState& stream, const NBFileSnapshot& snapshot);
     std::vector<PendingEvent> takeBatch(NBFileEventStreamState& stream);
 
-    // These take the stream's pollMutex first and the engine's mutex only briefly.
-    void pollStream(const StreamPointer& stream, bool onPollingThread);
+    // These take the stream's pollMutex first and the engine's mutex only briefly. pollStream may try to
+    // watch the tree again when called on the polling queue.
+    void pollStream(const StreamPointer& stream, bool onPollingQueue);
     void resumeWatching(const StreamPointer& stream, std::uint64_t ticket);
+    // The polling queue's timer step: polls every stream that is due.
+    void pollDueStreams();
+    // The walking queue's step for one folder.
+    void walk(const StreamPointer& stream, const QString& folder, bool reportContents,
+              std::uint64_t generation);
 
     static void deliver(const StreamPointer& stream, const std::vector<PendingEvent>& batch);
 
     std::mutex mutex_;
     std::condition_variable flushCondition_;
-    std::condition_variable pollerCondition_;
-    bool pollerStarted_ = false;
+    const std::shared_ptr<OAKDispatchQueue> pollingQueue_;
+    const std::shared_ptr<OAKDispatchQueue> walkingQueue_;
     bool readingPaused_ = false;
     int inotifyDescriptor_ = -1;
     int wakeDescriptor_ = -1;
@@ -230,22 +260,18 @@ private:
     std::uint64_t nextEventIdentifier_ = 1;
 };
 
-Engine::Engine() {
+Engine::Engine()
+    : pollingQueue_(OAKDispatchQueue::dispatchQueueWithLabel(
+          OAKDispatchQueue::labelByPrependingBundleIdentifierToString(
+              QStringLiteral("NBFileObserver.polling")))),
+      walkingQueue_(OAKDispatchQueue::dispatchQueueWithLabel(
+          OAKDispatchQueue::labelByPrependingBundleIdentifierToString(
+              QStringLiteral("NBFileObserver.walks")))) {
     inotifyDescriptor_ = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
     wakeDescriptor_ = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
     std::thread thread([this] { run(); });
     threadIdentifier_ = thread.get_id();
     pthread_setname_np(thread.native_handle(), "NBFileObserver");
-    thread.detach();
-}
-
-void Engine::startPoller() {
-    // The polling thread starts with the first stream that polls; most processes never need it.
-    if (pollerStarted_)
-        return;
-    pollerStarted_ = true;
-    std::thread thread([this] { runPoller(); });
-    pthread_setname_np(thread.native_handle(), "NBFilePoller");
     thread.detach();
 }
 
@@ -267,7 +293,7 @@ void Engine::setPausesReading(bool pauses) {
 }
 
 void Engine::addStream(const StreamPointer& stream) {
-    // Holding the stream's poll mutex keeps the polling thread from polling it before its baseline exists.
+    // Holding the stream's poll mutex keeps the polling queue from polling it before its baseline exists.
     std::lock_guard pollLock(stream->pollMutex);
     std::unique_lock lock(mutex_);
     // The stream is registered before its watches are added, so that no event arriving on a new watch finds
@@ -288,16 +314,21 @@ void Engine::addStream(const StreamPointer& stream) {
     stream->nextPoll = Clock::now() + durationForSeconds(pollingIntervalSeconds.load());
     stream->nextRetry = Clock::now() + durationForSeconds(watchRetryIntervalSeconds.load());
     lock.unlock();
-    qCCritical(lcFileObserver).noquote()
-        << nbFormat("ERROR: could not start FSEventStream for path %@", stream->rootPath);
+    // A folder that does not exist yet (a device's folder that a synchronisation service has not brought
+    // over, say) is an ordinary state: the stream polls for it and watches it once it is there.
+    if (isMissingPathError(error))
+        qCDebug(lcFileObserver).noquote()
+            << nbFormat("Waiting for %@ to exist before watching it", stream->rootPath);
+    else
+        qCCritical(lcFileObserver).noquote()
+            << nbFormat("ERROR: could not start FSEventStream for path %@", stream->rootPath);
     // The baseline is taken before the constructor returns, so only later changes are reported.
-    NBFileSnapshot baseline = nbFileSnapshotOfPath(stream->rootPath);
+    NBFileSnapshot baseline = nbFileSnapshotOfPath(stream->rootPath, stream->options.recursive);
     std::size_t folderCount = folderCountOfSnapshot(baseline);
     lock.lock();
     stream->snapshot = std::move(baseline);
     setRetryTriggers(*stream, error, folderCount);
-    startPoller();
-    pollerCondition_.notify_all();
+    schedulePollLocked();
 }
 
 void Engine::removeStream(const StreamPointer& stream) {
@@ -350,6 +381,10 @@ int Engine::watchTree(NBFileEventStreamState& stream, const QString& folder, boo
         subscribers[stream.identifier] = path;
         stream.watchByPath[path] = watch;
 
+        // A stream that watches only its root has nothing to walk; folders that appear in a watched tree
+        // have nothing to walk below them either.
+        if (!stream.options.recursive)
+            continue;
         if (lock)
             lock->unlock();
         std::uint32_t contentFlags = 0;
@@ -429,14 +464,18 @@ void Engine::record(NBFileEventStreamState& stream, const QString& path, std::ui
         stream.pending.push_back({path, flags, nextEventIdentifier_++});
     }
     if (!stream.deadline)
-        stream.deadline = Clock::now() + durationForSeconds(latencySeconds.load());
+        stream.deadline = Clock::now() + durationForSeconds(latencyOf(stream));
+}
+
+double Engine::latencyOf(const NBFileEventStreamState& stream) const {
+    return stream.options.latency >= 0 ? stream.options.latency : latencySeconds.load();
 }
 
 void Engine::switchToPolling(NBFileEventStreamState& stream, bool logError, int error) {
     if (logError)
         qCCritical(lcFileObserver).noquote()
             << nbFormat("ERROR: could not start FSEventStream for path %@", stream.rootPath);
-    // The watches go at once (the kernel may be short of them); the polling thread takes the baseline.
+    // The watches go at once (the kernel may be short of them); the polling queue takes the baseline.
     unwatchAll(stream);
     ++stream.generation;
     stream.polling = true;
@@ -446,8 +485,83 @@ void Engine::switchToPolling(NBFileEventStreamState& stream, bool logError, int 
     stream.retryBelowFolderCount = 0;
     stream.nextPoll = Clock::now();
     stream.nextRetry = Clock::now() + durationForSeconds(watchRetryIntervalSeconds.load());
-    startPoller();
-    pollerCondition_.notify_all();
+    schedulePollLocked();
+}
+
+void Engine::schedulePollLocked() {
+    auto now = Clock::now();
+    std::optional<Clock::time_point> nearest;
+    for (const auto& [identifier, stream] : streams_) {
+        if (!stream->polling)
+            continue;
+        Clock::time_point at =
+            stream->needsBaseline || stream->flushRequested > stream->flushReady ? now : stream->nextPoll;
+        if (!nearest || at < *nearest)
+            nearest = at;
+    }
+    if (!nearest)
+        return;
+    // A coalescing timer: the earliest request wins, so a flush asked for now overtakes the next regular
+    // poll. A firing that finds nothing due only sets the timer again.
+    double delay = std::max(0.0, std::chrono::duration<double>(*nearest - now).count());
+    pollingQueue_->scheduleTimerWithName(QStringLiteral("poll"), delay, OAKTimerBehaviorCoalesce,
+                                         [this] { pollDueStreams(); });
+}
+
+void Engine::pollDueStreams() {
+    // One stream at a time, the one due first (a requested flush or a new baseline is due at once), so that a
+    // large polled tree delays only other polled trees, never delivery.
+    for (;;) {
+        StreamPointer due;
+        {
+            std::lock_guard lock(mutex_);
+            auto now = Clock::now();
+            std::optional<Clock::time_point> nearest;
+            for (const auto& [identifier, stream] : streams_) {
+                if (!stream->polling)
+                    continue;
+                Clock::time_point at = stream->needsBaseline || stream->flushRequested > stream->flushReady
+                                           ? now
+                                           : stream->nextPoll;
+                if (at <= now && (!nearest || at < *nearest)) {
+                    nearest = at;
+                    due = stream;
+                }
+            }
+            if (!due) {
+                schedulePollLocked();
+                return;
+            }
+        }
+        pollStream(due, true);
+    }
+}
+
+void Engine::queueWalkLocked(const StreamPointer& stream, const QString& folder, bool reportContents) {
+    ++stream->walksPending;
+    std::uint64_t generation = stream->generation;
+    walkingQueue_->dispatchAsynchronously([this, stream, folder, reportContents, generation] {
+        walk(stream, folder, reportContents, generation);
+    });
+}
+
+void Engine::walk(const StreamPointer& stream, const QString& folder, bool reportContents,
+                  std::uint64_t generation) {
+    runWalkHook(folder);
+    {
+        std::unique_lock lock(mutex_);
+        // A stream that stopped or fell back to polling meanwhile no longer wants the walk; its baseline
+        // covers what the walk would have reported.
+        if (stream->running && !stream->polling && stream->generation == generation) {
+            int error =
+                watchTree(*stream, folder, reportContents, folder == stream->rootPath, &lock, generation);
+            if (error && error != ECANCELED && stream->running && stream->generation == generation)
+                switchToPolling(*stream, true, error);
+        }
+        --stream->walksPending;
+    }
+    // A flush that waited for this walk can be served now.
+    wake();
 }
 
 void Engine::setRetryTriggers(NBFileEventStreamState& stream, int error, std::size_t folderCount) {
@@ -481,14 +595,15 @@ void Engine::readInotifyEvents() {
             for (const auto& [streamIdentifier, folder] : subscribers) {
                 auto stream = streams_.find(streamIdentifier);
                 if (stream != streams_.end() && !stream->second->polling)
-                    handleEvent(*stream->second, event.wd, folder, event.mask, name);
+                    handleEvent(stream->second, event.wd, folder, event.mask, name);
             }
         }
     }
 }
 
-void Engine::handleEvent(NBFileEventStreamState& stream, int watch, const QString& folder, std::uint32_t mask,
-                         const QString& name) {
+void Engine::handleEvent(const StreamPointer& streamPointer, int watch, const QString& folder,
+                         std::uint32_t mask, const QString& name) {
+    NBFileEventStreamState& stream = *streamPointer;
     bool isRoot = folder == stream.rootPath;
     if (mask & IN_IGNORED) {
         // The kernel dropped the watch: its folder was deleted, or its file system unmounted.
@@ -517,28 +632,31 @@ void Engine::handleEvent(NBFileEventStreamState& stream, int watch, const QStrin
     }
     if (!name.isEmpty() && nbIsSynchronisationTemporaryName(name))
         return;
-    record(stream, folder, nbFileSystemEventFlagsForInotifyMask(mask));
-    if (!(mask & IN_ISDIR) || name.isEmpty())
+    std::uint32_t flags = nbFileSystemEventFlagsForInotifyMask(mask);
+    if (flags)
+        record(stream, folder, flags);
+    if (!(mask & IN_ISDIR) || name.isEmpty() || !stream.options.recursive)
         return;
     QString child = joinPath(folder, name);
     if (mask & (IN_MOVED_FROM | IN_DELETE))
         unwatchSubtree(stream, child);
-    if (mask & (IN_CREATE | IN_MOVED_TO)) {
-        if (int error = watchTree(stream, child, true, false))
-            switchToPolling(stream, true, error);
-    }
+    // The new folder's watches are added, and what it already holds reported, on the walking queue: a large
+    // tree moved in must not hold up delivery.
+    if (mask & (IN_CREATE | IN_MOVED_TO))
+        queueWalkLocked(streamPointer, child, true);
 }
 
 void Engine::handleOverflow() {
     // The kernel's queue overflowed and changes were lost, anywhere: every stream must rescan, and folders
-    // created meanwhile may lack watches, so each tree is walked again (existing watches are kept).
+    // created meanwhile may lack watches, so each tree is walked again on the walking queue (existing
+    // watches are kept).
     for (auto& [identifier, stream] : streams_) {
         if (stream->polling)
             continue;
         record(*stream, stream->rootPath,
                kNBFileSystemEventFlagMustScanSubDirectories | kNBFileSystemEventFlagKernelDropped);
-        if (int error = watchTree(*stream, stream->rootPath, false, true))
-            switchToPolling(*stream, true, error);
+        if (stream->options.recursive)
+            queueWalkLocked(stream, stream->rootPath, false);
     }
 }
 
@@ -563,10 +681,10 @@ void Engine::deliver(const StreamPointer& stream, const std::vector<PendingEvent
     events.reserve(batch.size());
     for (const PendingEvent& pending : batch)
         events.emplace_back(pending.path, now, pending.identifier, pending.flags);
-    stream->callback(stream->context, stream->identifier, events);
+    stream->callback(events);
 }
 
-void Engine::pollStream(const StreamPointer& stream, bool onPollingThread) {
+void Engine::pollStream(const StreamPointer& stream, bool onPollingQueue) {
     std::lock_guard pollLock(stream->pollMutex);
     std::uint64_t ticket = 0;
     {
@@ -576,9 +694,9 @@ void Engine::pollStream(const StreamPointer& stream, bool onPollingThread) {
             return;
         ticket = stream->flushRequested;
     }
-    if (onPollingThread)
+    if (onPollingQueue)
         runPollHook(stream->rootPath, false);
-    NBFileSnapshot snapshot = nbFileSnapshotOfPath(stream->rootPath);
+    NBFileSnapshot snapshot = nbFileSnapshotOfPath(stream->rootPath, stream->options.recursive);
     std::size_t folderCount = folderCountOfSnapshot(snapshot);
     bool rootExists = snapshot.contains(QString());
     bool retry = false;
@@ -597,7 +715,7 @@ void Engine::pollStream(const StreamPointer& stream, bool onPollingThread) {
         stream->snapshot = std::move(snapshot);
         auto now = Clock::now();
         stream->nextPoll = now + durationForSeconds(pollingIntervalSeconds.load());
-        retry = onPollingThread && !forcedPolling().load() && inotifyDescriptor_ >= 0 &&
+        retry = onPollingQueue && !forcedPolling().load() && inotifyDescriptor_ >= 0 &&
                 (now >= stream->nextRetry || (stream->retryWhenRootExists && rootExists) ||
                  folderCount < stream->retryBelowFolderCount);
         if (!retry)
@@ -642,7 +760,7 @@ void Engine::resumeWatching(const StreamPointer& stream, std::uint64_t ticket) {
         return;
     }
     lock.unlock();
-    NBFileSnapshot snapshot = nbFileSnapshotOfPath(stream->rootPath);
+    NBFileSnapshot snapshot = nbFileSnapshotOfPath(stream->rootPath, stream->options.recursive);
     lock.lock();
     stream->resuming = false;
     if (!stream->running || stream->generation != generation)
@@ -673,7 +791,8 @@ void Engine::flush(const StreamPointer& stream, bool wait) {
     {
         std::lock_guard lock(mutex_);
         ticket = ++stream->flushRequested;
-        pollerCondition_.notify_all();
+        if (stream->polling)
+            schedulePollLocked();
     }
     wake();
     if (!wait)
@@ -692,7 +811,7 @@ void Engine::run() {
             std::optional<Clock::time_point> nearest;
             for (const auto& [identifier, stream] : streams_) {
                 if (stream->flushReady > stream->flushServed ||
-                    (!stream->polling && !stream->resuming && stream->flushRequested > stream->flushServed))
+                    (isCaughtUp(*stream) && stream->flushRequested > stream->flushServed))
                     nearest = now;
                 if (stream->deadline && (!nearest || *stream->deadline < *nearest))
                     nearest = stream->deadline;
@@ -729,9 +848,10 @@ void Engine::run() {
             readInotifyEvents();
             auto now = Clock::now();
             for (const auto& [identifier, stream] : streams_) {
-                // A watching stream's changes up to now have just been read; a polling stream's flush is
-                // ready once the polling thread has polled it, and a resuming one's once it has compared.
-                if (!stream->polling && !stream->resuming)
+                // A watching stream's changes up to now have just been read, unless a walk of a new folder is
+                // still to report what it held; a polling stream's flush is ready once the polling queue has
+                // polled it, and a resuming one's once it has compared.
+                if (isCaughtUp(*stream))
                     stream->flushReady = stream->flushRequested;
                 if (stream->flushReady > stream->flushServed ||
                     (stream->deadline && now >= *stream->deadline))
@@ -749,40 +869,10 @@ void Engine::run() {
     }
 }
 
-void Engine::runPoller() {
-    // Polls one stream at a time, the one due first (a requested flush or a new baseline is due at once), so
-    // that a large polled tree delays only other polled trees, never delivery.
-    std::unique_lock lock(mutex_);
-    for (;;) {
-        auto now = Clock::now();
-        StreamPointer due;
-        std::optional<Clock::time_point> nearest;
-        for (const auto& [identifier, stream] : streams_) {
-            if (!stream->polling)
-                continue;
-            Clock::time_point at =
-                stream->needsBaseline || stream->flushRequested > stream->flushReady ? now : stream->nextPoll;
-            if (!nearest || at < *nearest) {
-                nearest = at;
-                due = stream;
-            }
-        }
-        if (due && *nearest <= now) {
-            lock.unlock();
-            pollStream(due, true);
-            due.reset();
-            lock.lock();
-        } else if (nearest) {
-            pollerCondition_.wait_until(lock, *nearest);
-        } else {
-            pollerCondition_.wait(lock);
-        }
-    }
-}
-
 } // namespace
 
-NBFileEventStream::NBFileEventStream(const QString& path, Callback callback, const void* context) {
+NBFileEventStream::NBFileEventStream(const QString& path, Callback callback,
+                                     NBFileEventStreamOptions options) {
     static std::atomic<std::uint64_t> nextIdentifier{1};
     identifier_ = nextIdentifier++;
     state_ = std::make_shared<NBFileEventStreamState>();
@@ -790,7 +880,7 @@ NBFileEventStream::NBFileEventStream(const QString& path, Callback callback, con
     state_->rootPath =
         QDir::cleanPath(QDir::isAbsolutePath(path) ? path : QDir::current().absoluteFilePath(path));
     state_->callback = std::move(callback);
-    state_->context = context;
+    state_->options = options;
     Engine::shared().addStream(state_);
 }
 
@@ -839,7 +929,7 @@ bool NBFileEventStream::forcesPolling() {
 
 void NBFileEventStream::setPollingInterval(double seconds) {
     pollingIntervalSeconds = seconds > 0.05 ? seconds : 0.05;
-    Engine::shared().wakePoller();
+    Engine::shared().pollingIntervalChanged();
 }
 
 double NBFileEventStream::pollingInterval() {
@@ -871,8 +961,13 @@ void NBFileEventStream::setPausesReading(bool pauses) {
 }
 
 void NBFileEventStream::setPollHook(PollHook hook) {
-    std::lock_guard lock(pollHook().mutex);
-    pollHook().hook = std::move(hook);
+    std::lock_guard lock(testHooks().mutex);
+    testHooks().poll = std::move(hook);
+}
+
+void NBFileEventStream::setWalkHook(WalkHook hook) {
+    std::lock_guard lock(testHooks().mutex);
+    testHooks().walk = std::move(hook);
 }
 
 std::uint32_t nbFileSystemEventFlagsForInotifyMask(std::uint32_t mask) {
@@ -881,7 +976,7 @@ std::uint32_t nbFileSystemEventFlagsForInotifyMask(std::uint32_t mask) {
         flags |= kNBFileSystemEventFlagItemCreated;
     if (mask & IN_DELETE)
         flags |= kNBFileSystemEventFlagItemRemoved;
-    if (mask & (IN_MODIFY | IN_CLOSE_WRITE))
+    if (mask & IN_MODIFY)
         flags |= kNBFileSystemEventFlagItemModified;
     if (mask & IN_ATTRIB)
         flags |= kNBFileSystemEventFlagItemInodeMetaModified;
@@ -911,7 +1006,7 @@ bool nbIsSynchronisationTemporaryName(const QString& name) {
            name.endsWith(QLatin1String(".tmp"));
 }
 
-NBFileSnapshot nbFileSnapshotOfPath(const QString& rootPath) {
+NBFileSnapshot nbFileSnapshotOfPath(const QString& rootPath, bool recursive) {
     NBFileSnapshot snapshot;
     auto entryForStatus = [](const struct stat& status) {
         NBFileSnapshotEntry entry;
@@ -946,7 +1041,7 @@ NBFileSnapshot nbFileSnapshotOfPath(const QString& rootPath) {
                 continue; // removed while walking
             NBFileSnapshotEntry snapshotEntry = entryForStatus(entryStatus);
             snapshot.emplace(relativePath, snapshotEntry);
-            if (snapshotEntry.isDirectory)
+            if (snapshotEntry.isDirectory && recursive)
                 folders.push_back(relativePath);
         }
         closedir(directory);

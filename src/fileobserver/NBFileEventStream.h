@@ -1,28 +1,32 @@
-// The event stream under every file observer: a recursive inotify watch of one path, coalesced into
-// folder-level events and delivered on one dedicated thread; or, when the path cannot be watched, a poll of
-// the path every few seconds, until watching it becomes possible again. See NBFileObserver.h for how this
-// stands in for the platform's folder events.
+// The event stream under every file observer: a watch of one path with inotify (recursive unless asked
+// otherwise), coalesced into folder-level events and delivered on one dedicated thread; or, when the path
+// cannot be watched, a poll of the path every few seconds, until watching it becomes possible again. See
+// NBFileObserver.h for what a stream reports.
 //
-// All streams of the process share one inotify instance (the per-user limit on instances is small, 128 by
-// default) and one delivery thread, named "NBFileObserver". The thread waits on the inotify descriptor, an
-// eventfd that wakes it for flushes and new streams, and the nearest end of a coalescing window. Watches are
-// shared between streams that observe overlapping folders: the kernel returns one watch descriptor per
-// folder and instance, so the descriptor is removed only when the last stream using it lets go.
+// Threads and queues. All streams of the process share one inotify instance (the per-user limit on
+// instances is small, 128 by default) and one delivery thread, "NBFileObserver", which waits on the inotify
+// descriptor, an eventfd that wakes it for flushes and new streams, and the nearest end of a coalescing
+// window. The delivery thread only reads the kernel's events, records them and hands batches over: whatever
+// walks a tree runs elsewhere, so that one stream's large tree never delays another stream's events.
+// - Walks that add watches to a folder created or moved into a watched tree, and the re-walks after a
+//   kernel queue overflow, run on the serial dispatch queue "NBFileObserver.walks". They let go of the
+//   engine's lock between folders.
+// - Polling runs on the serial dispatch queue "NBFileObserver.polling", driven by one named timer due at the
+//   next poll of any polled stream. A snapshot of a large tree can take seconds; the delivery thread never
+//   waits for it.
+// - A new stream's first walk runs on the thread that creates it, with the lock let go between folders, so
+//   that the stream watches its whole tree before its constructor returns.
+// Watches are shared between streams that observe overlapping folders: the kernel returns one watch
+// descriptor per folder and instance, so the descriptor is removed only when the last stream using it lets
+// go.
 //
-// Polling runs on a second thread, "NBFilePoller", started with the first polling stream, which walks one
-// polled tree at a time and records what changed; the delivery thread hands it over like any other change.
-// A snapshot of a large tree can take seconds, and the delivery thread must not wait for it: events of the
-// watching streams arrive on time however large the polled trees are. Walks that add the watches of a whole
-// tree (a new stream, a stream going back to watching) likewise let go of the engine's lock between
-// folders.
-//
-// Coalescing: the first change after a quiet period opens a window of the configured latency; when it ends,
+// Coalescing: the first change after a quiet period opens a window of the stream's latency; when it ends,
 // every folder that changed during the window is delivered once, in the order of its first change, with the
 // union of its flags. Changes that arrive during delivery open the next window.
 //
 // Between watching and polling, nothing is lost and nothing is repeated wholesale:
 // - Watching -> polling (a watch could not be added, the root went away): the watches go at once; the
-//   polling thread takes the baseline snapshot and reports a rescan of the root
+//   polling queue takes the baseline snapshot and reports a rescan of the root
 //   (kNBFileSystemEventFlagMustScanSubDirectories), since a change between the fallback and the baseline is
 //   seen by neither side.
 // - Polling -> watching: tried right after a poll once the tree holds fewer folders than when watches ran
@@ -51,16 +55,24 @@ Q_DECLARE_LOGGING_CATEGORY(lcFileObserver)
 
 struct NBFileEventStreamState;
 
+// How one stream observes its path.
+struct NBFileEventStreamOptions {
+    // Seconds from the first change after a quiet period to the delivery of the coalesced events; negative:
+    // the latency shared by all streams (NBFileEventStream::setLatency).
+    double latency = -1;
+    // False: only the path itself and its direct entries; folders below them are neither watched nor polled.
+    bool recursive = true;
+};
+
 class NBFileEventStream {
 public:
-    // Receives one coalesced batch on the delivery thread: the context given at creation (not retained),
-    // the stream's identifier (to recognise a stream that was replaced meanwhile) and the events in order.
-    using Callback = std::function<void(const void* context, std::uint64_t streamIdentifier,
-                                        const std::vector<NBFileSystemEvent>&)>;
+    // Receives one coalesced batch on the delivery thread, the events in order.
+    using Callback = std::function<void(const std::vector<NBFileSystemEvent>&)>;
 
     // Starts observing at once; changes made before this returns are not reported. When the path cannot be
-    // watched, logs "ERROR: could not start FSEventStream for path %@" and polls instead.
-    NBFileEventStream(const QString& path, Callback callback, const void* context);
+    // watched, logs "ERROR: could not start FSEventStream for path %@" and polls instead; a path that does
+    // not exist yet is polled without an error, and watched once it exists.
+    NBFileEventStream(const QString& path, Callback callback, NBFileEventStreamOptions options = {});
     ~NBFileEventStream();
     NBFileEventStream(const NBFileEventStream&) = delete;
     NBFileEventStream& operator=(const NBFileEventStream&) = delete;
@@ -96,12 +108,16 @@ public:
     // Test seams. While reading is paused the delivery thread leaves the kernel's events queued (tests use
     // it to make the queue overflow for real); once this returns, no read is under way.
     static void setPausesReading(bool pauses);
-    // Called on the polling thread just before it walks a polled tree: with resumingWatch false before a
+    // Called on the polling queue just before it walks a polled tree: with resumingWatch false before a
     // poll, true before an attempt to watch the tree again (the stream then no longer counts as polling, and
     // none of its watches exist yet). Tests use it to hold a poll in progress or to change the tree at a
     // chosen moment.
     using PollHook = std::function<void(const QString& path, bool resumingWatch)>;
     static void setPollHook(PollHook hook);
+    // Called on the walking queue before it walks a folder that appeared in a watched tree, or a tree after
+    // an overflow. Tests use it to hold a walk in progress.
+    using WalkHook = std::function<void(const QString& folder)>;
+    static void setWalkHook(WalkHook hook);
 
 private:
     std::uint64_t identifier_ = 0;
@@ -129,7 +145,8 @@ struct NBFileSnapshotEntry {
 // exist). Synchronisation temporaries are left out and symbolic links below the root are not followed.
 using NBFileSnapshot = std::map<QString, NBFileSnapshotEntry>;
 
-NBFileSnapshot nbFileSnapshotOfPath(const QString& rootPath);
+// Without `recursive`, only the root and its direct entries.
+NBFileSnapshot nbFileSnapshotOfPath(const QString& rootPath, bool recursive = true);
 
 // The folder-level changes between two snapshots of one path: for every entry created, removed or changed,
 // the relative path of the folder holding it ("" for the root) with the flags of what happened there.

@@ -1,52 +1,23 @@
-// File observers: the set of live observers, starting and stopping streams, and handing events on.
+// File observers: starting and stopping streams, and handing their events on.
 #include "fileobserver/NBFileObserver.h"
 
-#include "fileobserver/NBFileObserverSerialQueue.h"
-
-#include <unordered_map>
-
-namespace {
-
-// Every live file observer, held weakly, keyed by address: a stream's context is the bare address of its
-// observer (not retained), and the delivery thread checks here that the observer is still alive before
-// handing it an event. Touched only on its own serial queue.
-struct LiveObservers {
-    NBFileObserverSerialQueue queue{QStringLiteral("org.quillon.Quillon.NBFileObserverHashTableQueue")};
-    std::unordered_map<const void*, std::weak_ptr<NBFileObserver>> observers;
-};
-
-LiveObservers& liveObservers() {
-    // Never destroyed: the delivery thread may consult it while the process exits.
-    static LiveObservers* shared = new LiveObservers();
-    return *shared;
-}
-
-} // namespace
-
 std::shared_ptr<NBFileObserver>
-NBFileObserver::fileObserverWithPath(const QString& path, std::shared_ptr<NBEventResponse> eventResponse) {
+NBFileObserver::fileObserverWithPath(const QString& path, std::shared_ptr<NBEventResponse> eventResponse,
+                                     NBFileEventStreamOptions options) {
     if (path.isEmpty())
         return nullptr;
-    auto observer = std::make_shared<NBFileObserver>(PrivateTag{}, path, std::move(eventResponse));
+    auto observer = std::make_shared<NBFileObserver>(PrivateTag{}, path, std::move(eventResponse), options);
     observer->setUp();
     return observer;
 }
 
 NBFileObserver::NBFileObserver(PrivateTag, const QString& path,
-                               std::shared_ptr<NBEventResponse> eventResponse)
-    : observedPath_(path), eventResponse_(std::move(eventResponse)) {}
+                               std::shared_ptr<NBEventResponse> eventResponse,
+                               NBFileEventStreamOptions options)
+    : observedPath_(path), options_(options), eventResponse_(std::move(eventResponse)) {}
 
 NBFileObserver::~NBFileObserver() {
     tearDown();
-    const void* key = this;
-    // Only an entry whose observer is gone is removed: another observer may since have been created at the
-    // same address and registered after this removal was queued.
-    liveObservers().queue.dispatchAsynchronously([key] {
-        auto& observers = liveObservers().observers;
-        auto found = observers.find(key);
-        if (found != observers.end() && found->second.expired())
-            observers.erase(found);
-    });
 }
 
 std::shared_ptr<NBEventResponse> NBFileObserver::eventResponse() const {
@@ -62,24 +33,34 @@ std::shared_ptr<NBFileEventStream> NBFileObserver::eventStream() const {
 void NBFileObserver::setUp() {
     {
         std::lock_guard lock(mutex_);
-        if (setUpDone_)
+        if (setUpDone_ || tornDown_)
             return;
         setUpDone_ = true;
     }
-    const void* key = this;
+    // The stream is made without the observer's lock: its first walk may take a while, and a delivery that
+    // reaches this observer meanwhile (through a watch another stream already holds) must not wait for it on
+    // the delivery thread. Such a delivery finds no stream yet and is dropped, as a change made before the
+    // observer existed.
     std::weak_ptr<NBFileObserver> weakSelf = weak_from_this();
-    liveObservers().queue.dispatchAsynchronously(
-        [key, weakSelf] { liveObservers().observers[key] = weakSelf; });
-    // The stream is made under the lock so that a delivery racing with the start (possible with a very short
-    // latency) waits for eventStream_ instead of finding it empty.
-    std::lock_guard lock(mutex_);
-    eventStream_ = std::make_shared<NBFileEventStream>(observedPath_, &NBFileObserver::deliverEvents, key);
+    auto stream = std::make_shared<NBFileEventStream>(
+        observedPath_,
+        [weakSelf](const std::vector<NBFileSystemEvent>& events) { deliverEvents(weakSelf, events); },
+        options_);
+    {
+        std::lock_guard lock(mutex_);
+        if (!tornDown_) {
+            eventStream_ = std::move(stream);
+            return;
+        }
+    }
+    stream->stop(); // torn down while the stream started
 }
 
 void NBFileObserver::tearDown() {
     std::shared_ptr<NBFileEventStream> stream;
     {
         std::lock_guard lock(mutex_);
+        tornDown_ = true;
         stream.swap(eventStream_);
     }
     if (stream)
@@ -110,23 +91,16 @@ void NBFileObserver::flushAsynchronously() {
         stream->flushAsynchronously();
 }
 
-void NBFileObserver::deliverEvents(const void* context, std::uint64_t streamIdentifier,
+void NBFileObserver::deliverEvents(const std::weak_ptr<NBFileObserver>& weakObserver,
                                    const std::vector<NBFileSystemEvent>& events) {
+    // Gone or being destroyed: the events are dropped.
+    std::shared_ptr<NBFileObserver> observer = weakObserver.lock();
+    if (!observer)
+        return;
     for (const NBFileSystemEvent& event : events) {
-        std::shared_ptr<NBFileObserver> observer;
-        liveObservers().queue.dispatchSynchronously([&] {
-            auto& observers = liveObservers().observers;
-            auto found = observers.find(context);
-            if (found != observers.end())
-                observer = found->second.lock();
-        });
-        // Gone or being destroyed: drop the event. A stream torn down meanwhile (or an observer that now
-        // lives at the same address with another stream) gets nothing either.
-        if (!observer)
-            continue;
-        std::shared_ptr<NBFileEventStream> stream = observer->eventStream();
-        if (!stream || stream->identifier() != streamIdentifier)
-            continue;
+        // Torn down meanwhile (by the previous event, or on another thread): the rest is dropped.
+        if (!observer->eventStream())
+            return;
         observer->postFileSystemEvent(event);
     }
 }

@@ -1,8 +1,6 @@
 // The registry of folder observers and their file observers.
 #include "fileobserver/NBFileSystemEventCenter.h"
 
-#include "fileobserver/NBFileObserverSerialQueue.h"
-
 NBFileSystemEventCenter& NBFileSystemEventCenter::defaultCenter() {
     // Never destroyed: observers may remove themselves from static destructors at exit.
     static NBFileSystemEventCenter* center = new NBFileSystemEventCenter();
@@ -10,14 +8,13 @@ NBFileSystemEventCenter& NBFileSystemEventCenter::defaultCenter() {
 }
 
 NBFileSystemEventCenter::NBFileSystemEventCenter()
-    : serialQueue_(std::make_unique<NBFileObserverSerialQueue>(
-          QStringLiteral("org.quillon.Quillon.NBFileSystemEventCenter"))) {}
+    : serialQueue_(OAKDispatchQueue::dispatchQueueWithLabel(
+          OAKDispatchQueue::labelByPrependingBundleIdentifierToString(
+              QStringLiteral("NBFileSystemEventCenter")))) {}
 
 NBFileSystemEventCenter::~NBFileSystemEventCenter() {
-    // The queue's worker is detached and outlives the center, so it must be idle before the map goes away.
+    // Blocks queued before this one refer to the center: they run first, and the map goes with them.
     serialQueue_->dispatchSynchronously([this] { fileObserverSetsByObservers_.clear(); });
-    // The queue object itself is leaked on purpose: its detached worker keeps using it.
-    (void)serialQueue_.release();
 }
 
 void NBFileSystemEventCenter::addObserverWithResponse(const void* key, std::weak_ptr<void> observer,

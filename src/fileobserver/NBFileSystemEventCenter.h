@@ -7,11 +7,12 @@
 // looks at its entries, or at their next event, whichever comes first).
 //
 // Methods are called on the file observers' delivery thread and must hand longer work to their own queues.
-// The map from observers to their file observers is touched only on the center's serial queue: additions
-// and removals by path are asynchronous, whole-observer removals and counts synchronous (so a count taken
-// after an addition includes it).
+// The map from observers to their file observers is touched only on the center's serial dispatch queue
+// ("NBFileSystemEventCenter"): additions and removals by path are asynchronous, whole-observer removals and
+// counts synchronous (so a count taken after an addition includes it).
 #pragma once
 
+#include "dispatch/OAKDispatchQueue.h"
 #include "fileobserver/NBEventResponse.h"
 #include "fileobserver/NBFileObserver.h"
 
@@ -20,8 +21,6 @@
 #include <memory>
 #include <unordered_map>
 #include <vector>
-
-class NBFileObserverSerialQueue;
 
 class NBFileSystemEventCenter {
 public:
@@ -74,5 +73,5 @@ private:
     void removeDestroyedObservers();
 
     Map fileObserverSetsByObservers_;
-    std::unique_ptr<NBFileObserverSerialQueue> serialQueue_;
+    const std::shared_ptr<OAKDispatchQueue> serialQueue_;
 };

@@ -1,6 +1,7 @@
 // Tests of folder observation: registrations and counts, weakly held observers, no replayed history,
-// coalescing of bursts, recursion into new folders, the polling fallback and the way back from it, a real
-// overflow of the kernel's queue, polling that does not hold up other streams, and the pure helpers.
+// coalescing of bursts, what counts as a change, recursion into new and renamed folders, streams sharing
+// watches, missing and removed roots, the polling fallback and the way back from it, a real overflow of the
+// kernel's queue, polls and walks that do not hold up other streams, and the pure helpers.
 #include "fileobserver/NBFileSystemEventCenter.h"
 
 #include "foundation/testing/NBMessageCapture.h"
@@ -324,6 +325,133 @@ TEST_F(NBFileObserverTest, FilesInNewSubfoldersAreSeen) {
     expectIncreasingIdentifiers(log->all());
 }
 
+TEST_F(NBFileObserverTest, OnlyRealChangesToAFileAreReported) {
+    QString path = directory.filePath("logs.db");
+    writeFile(path, "rows");
+    auto recorder = std::make_shared<Recorder>(log);
+    auto observer = NBFileObserver::fileObserverWithPath(
+        directory.path(),
+        NBEventResponse::eventResponseWithTarget(recorder, &Recorder::fileSystemEventDidOccur));
+    QByteArray encoded = QFile::encodeName(path);
+
+    // A reader that opens the file for writing (as a database does) and closes it again changes nothing.
+    for (int flags : {O_RDWR, O_WRONLY, O_RDONLY}) {
+        int descriptor = ::open(encoded.constData(), flags | O_CLOEXEC);
+        ASSERT_GE(descriptor, 0);
+        char byte = 0;
+        if (flags == O_RDWR) {
+            ASSERT_EQ(::read(descriptor, &byte, 1), 1);
+        }
+        ::close(descriptor);
+    }
+    observer->flushSynchronously();
+    waitOutQuietPeriod();
+    EXPECT_TRUE(log->all().empty()) << qPrintable(describe(log->all()));
+
+    // A write through such a handle is a change.
+    int descriptor = ::open(encoded.constData(), O_RDWR | O_CLOEXEC);
+    ASSERT_GE(descriptor, 0);
+    ASSERT_EQ(::pwrite(descriptor, "R", 1, 0), 1);
+    ::close(descriptor);
+    EXPECT_TRUE(log->waitForPath(directory.path(), kNBFileSystemEventFlagItemModified))
+        << qPrintable(describe(log->all()));
+}
+
+TEST_F(NBFileObserverTest, FoldersRenamedInsideTheTreeAreReportedUnderTheirNewPath) {
+    QDir().mkpath(directory.filePath("a/inner"));
+    std::size_t watchesBefore = NBFileEventStream::watchDescriptorCount();
+    auto recorder = std::make_shared<Recorder>(log);
+    auto observer = NBFileObserver::fileObserverWithPath(
+        directory.path(),
+        NBEventResponse::eventResponseWithTarget(recorder, &Recorder::fileSystemEventDidOccur));
+    ASSERT_EQ(NBFileEventStream::watchDescriptorCount(), watchesBefore + 3);
+
+    // Renamed in place, moved one level down into a new "a", then moved up again under another name.
+    const std::pair<const char*, const char*> moves[] = {{"a", "b"}, {"b", "a/b"}, {"a/b", "c"}};
+    for (const auto& [from, to] : moves) {
+        SCOPED_TRACE(to);
+        QDir().mkpath(directory.filePath("a"));
+        std::size_t beforeMove = log->size();
+        ASSERT_TRUE(QDir().rename(directory.filePath(from), directory.filePath(to)));
+        EXPECT_TRUE(log->waitForPath(directory.path(), kNBFileSystemEventFlagItemRenamed, beforeMove))
+            << qPrintable(describe(log->all()));
+        waitOutQuietPeriod();
+        std::size_t received = log->size();
+        QString inner = directory.filePath(QString::fromUtf8(to) + "/inner");
+        writeFile(inner + "/later.csv");
+        observer->flushSynchronously();
+        auto events = log->all();
+        ASSERT_EQ(events.size(), received + 1) << qPrintable(describe(events));
+        EXPECT_EQ(events.back().path(), inner);
+    }
+    // One watch per folder and none left on the old paths: the root, "a", "c" and "c/inner".
+    EXPECT_EQ(NBFileEventStream::watchDescriptorCount(), watchesBefore + 4);
+    expectIncreasingIdentifiers(log->all());
+}
+
+TEST_F(NBFileObserverTest, StreamsSharingAFolderShareItsWatchUntilTheLastLetsGo) {
+    QString sub = directory.filePath("sub");
+    QDir().mkpath(sub);
+    std::size_t watchesBefore = NBFileEventStream::watchDescriptorCount();
+    struct Stream {
+        Stream(const char* streamName, const QString& streamPath, bool streamRecursive)
+            : name(streamName), path(streamPath), recursive(streamRecursive) {}
+        const char* name;
+        QString path;
+        bool recursive;
+        std::shared_ptr<EventLog> log = std::make_shared<EventLog>();
+        std::shared_ptr<Recorder> recorder = std::make_shared<Recorder>(log);
+        std::shared_ptr<NBFileObserver> observer;
+    };
+    Stream streams[] = {
+        {"tree", directory.path(), true}, {"sub", sub, true}, {"root only", directory.path(), false}};
+    for (Stream& stream : streams) {
+        NBFileEventStreamOptions options;
+        options.recursive = stream.recursive;
+        stream.observer = NBFileObserver::fileObserverWithPath(
+            stream.path,
+            NBEventResponse::eventResponseWithTarget(stream.recorder, &Recorder::fileSystemEventDidOccur),
+            options);
+    }
+
+    // A change in the root and one in "sub" reach exactly the streams that observe them, while the streams
+    // stop one after the other; the folders' watches stay until their last stream lets go.
+    const struct {
+        const char* stopped;
+        std::size_t watches;
+    } steps[] = {{"none", 2}, {"tree", 2}, {"root only", 1}, {"sub", 0}};
+    for (std::size_t step = 0; step < std::size(steps); ++step) {
+        SCOPED_TRACE(steps[step].stopped);
+        for (Stream& stream : streams) {
+            if (stream.name == std::string_view(steps[step].stopped))
+                stream.observer->tearDown();
+        }
+        EXPECT_EQ(NBFileEventStream::watchDescriptorCount(), watchesBefore + steps[step].watches);
+        std::vector<std::size_t> received;
+        for (Stream& stream : streams)
+            received.push_back(stream.log->size());
+        writeFile(directory.filePath(QStringLiteral("root-%1.txt").arg(step)));
+        writeFile(sub + QStringLiteral("/sub-%1.txt").arg(step));
+        for (std::size_t index = 0; index < std::size(streams); ++index) {
+            Stream& stream = streams[index];
+            stream.observer->flushSynchronously();
+            QStringList paths, expected;
+            auto events = stream.log->all();
+            for (std::size_t event = received[index]; event < events.size(); ++event)
+                paths << events[event].path();
+            if (stream.observer->eventStream()) {
+                if (stream.path == directory.path())
+                    expected << directory.path();
+                if (stream.recursive)
+                    expected << sub;
+            }
+            paths.sort();
+            expected.sort();
+            EXPECT_EQ(paths, expected) << stream.name;
+        }
+    }
+}
+
 TEST_F(NBFileObserverTest, ForcedPollingFallbackStillNoticesChanges) {
     NBMessageCapture capture;
     NBFileObserver::setForcesPolling(true);
@@ -366,30 +494,49 @@ TEST_F(NBFileObserverTest, ForcedPollingFallbackStillNoticesChanges) {
     expectIncreasingIdentifiers(log->all());
 }
 
-TEST_F(NBFileObserverTest, RemovedRootIsReportedAndItsReturnNoticed) {
-    NBMessageCapture capture;
+TEST_F(NBFileObserverTest, MissingOrRemovedRootIsWaitedForAndWatchedOnceItIsBack) {
     NBFileObserver::setPollingInterval(0.2);
-    QString root = directory.filePath("library");
-    QDir().mkpath(root + "/Local");
-    std::size_t watchesBefore = NBFileEventStream::watchDescriptorCount();
-    auto recorder = std::make_shared<Recorder>(log);
-    center.addObserver(recorder, &Recorder::fileSystemEventDidOccur, root);
+    for (bool missingAtFirst : {true, false}) {
+        SCOPED_TRACE(missingAtFirst ? "missing at first" : "removed while watched");
+        NBMessageCapture capture;
+        QString root = directory.filePath(missingAtFirst ? "not-yet" : "library");
+        if (!missingAtFirst)
+            QDir().mkpath(root + "/Local");
+        std::size_t watchesBefore = NBFileEventStream::watchDescriptorCount();
+        auto eventLog = std::make_shared<EventLog>();
+        auto recorder = std::make_shared<Recorder>(eventLog);
+        center.addObserver(recorder, &Recorder::fileSystemEventDidOccur, root);
+        if (!missingAtFirst) {
+            ASSERT_TRUE(QDir(root).removeRecursively());
+            ASSERT_TRUE(eventLog->waitForPath(root, kNBFileSystemEventFlagRootChanged))
+                << qPrintable(describe(eventLog->all()));
+        }
+        EXPECT_TRUE(waitUntil([&] { return NBFileEventStream::watchDescriptorCount() == watchesBefore; }));
 
-    ASSERT_TRUE(QDir(root).removeRecursively());
-    ASSERT_TRUE(log->waitForPath(root, kNBFileSystemEventFlagRootChanged))
-        << qPrintable(describe(log->all()));
-    // Losing the root is reported, not logged as a failure to start.
-    EXPECT_FALSE(capture.contains("could not start")) << qPrintable(capture.texts().join('\n'));
-
-    // Another device's sync puts the folder back: the stream, now polling the path, notices, and watches it
-    // again (one watch: the new folder has no "Local").
-    std::size_t received = log->size();
-    QDir().mkpath(root);
-    writeFile(root + "/Info.plist");
-    EXPECT_TRUE(log->waitForPath(root, kNBFileSystemEventFlagItemCreated, received))
-        << qPrintable(describe(log->all()));
-    EXPECT_TRUE(waitUntil([&] { return NBFileEventStream::watchDescriptorCount() == watchesBefore + 1; }));
-    expectIncreasingIdentifiers(log->all());
+        // Another device's sync puts the folder there: the stream, polling the path meanwhile, reports it and
+        // watches it (one watch: the new folder has no "Local").
+        std::size_t received = eventLog->size();
+        QDir().mkpath(root);
+        writeFile(root + "/Info.plist");
+        EXPECT_TRUE(eventLog->waitForPath(root, kNBFileSystemEventFlagItemCreated, received))
+            << qPrintable(describe(eventLog->all()));
+        EXPECT_TRUE(
+            waitUntil([&] { return NBFileEventStream::watchDescriptorCount() == watchesBefore + 1; }));
+        received = eventLog->size();
+        writeFile(root + "/Info.plist", "changed");
+        EXPECT_TRUE(eventLog->waitForEvent(
+            [&](const auto& event) {
+                return event.path() == root && (event.flags() & kNBFileSystemEventFlagItemModified) &&
+                       !(event.flags() & kNBFileSystemEventFlagPolled);
+            },
+            received))
+            << qPrintable(describe(eventLog->all()));
+        expectIncreasingIdentifiers(eventLog->all());
+        // A folder that is not there is an ordinary state, neither an error nor a warning.
+        for (const auto& message : capture.messages())
+            EXPECT_TRUE(message.type == QtDebugMsg || message.type == QtInfoMsg) << qPrintable(message.text);
+        center.removeObserver(recorder.get());
+    }
 }
 
 TEST_F(NBFileObserverTest, KernelQueueOverflowMakesEveryStreamRescanAndWatchNewFolders) {
@@ -563,73 +710,83 @@ TEST_F(NBFileObserverTest, StreamShortOfWatchesPollsUntilItCanWatchAgain) {
     }
 }
 
-TEST_F(NBFileObserverTest, PollingALargeTreeDoesNotHoldUpOtherStreams) {
+TEST_F(NBFileObserverTest, PollsAndWalksOfLargeTreesDoNotHoldUpOtherStreams) {
     NBMessageCapture capture;
-    QString polled = directory.filePath("polled"), watched = directory.filePath("watched");
-    for (int folder = 0; folder < 50; ++folder) {
-        QString path = polled + QStringLiteral("/folder-%1").arg(folder);
-        QDir().mkpath(path);
-        for (int file = 0; file < 20; ++file)
-            writeFile(path + QStringLiteral("/file-%1.txt").arg(file));
-    }
-    QDir().mkpath(watched);
-    auto polledLog = std::make_shared<EventLog>();
-    auto polledRecorder = std::make_shared<Recorder>(polledLog);
-    auto recorder = std::make_shared<Recorder>(log);
-    NBFileObserver::setForcesPolling(true);
-    center.addObserver(polledRecorder, &Recorder::fileSystemEventDidOccur, polled);
-    NBFileObserver::setForcesPolling(false);
-    center.addObserver(recorder, &Recorder::fileSystemEventDidOccur, watched);
+    for (bool polled : {true, false}) {
+        SCOPED_TRACE(polled ? "a poll in progress" : "a walk of a folder moved in, in progress");
+        QString large = directory.filePath(polled ? "polled" : "arriving");
+        QString watched = directory.filePath(polled ? "watched" : "other");
+        QString tree = polled ? large : directory.filePath("tree");
+        for (int folder = 0; folder < 50; ++folder) {
+            QString path = large + QStringLiteral("/folder-%1").arg(folder);
+            QDir().mkpath(path);
+            for (int file = 0; file < 20; ++file)
+                writeFile(path + QStringLiteral("/file-%1.txt").arg(file));
+        }
+        QDir().mkpath(watched);
+        QDir().mkpath(tree);
+        auto treeLog = std::make_shared<EventLog>();
+        auto treeRecorder = std::make_shared<Recorder>(treeLog);
+        auto recorder = std::make_shared<Recorder>(log);
+        NBFileObserver::setForcesPolling(polled);
+        center.addObserver(treeRecorder, &Recorder::fileSystemEventDidOccur, tree);
+        NBFileObserver::setForcesPolling(false);
+        center.addObserver(recorder, &Recorder::fileSystemEventDidOccur, watched);
 
-    // Hold a poll of the large tree in progress, however long this machine would take to walk it.
-    struct Hold {
-        std::mutex mutex;
-        std::condition_variable changed;
-        bool entered = false, released = false;
-    };
-    auto hold = std::make_shared<Hold>();
-    NBFileEventStream::setPollHook([=](const QString& path, bool) {
-        if (path != polled)
-            return;
-        std::unique_lock lock(hold->mutex);
-        hold->entered = true;
-        hold->changed.notify_all();
-        hold->changed.wait_for(lock, 120s, [&] { return hold->released; });
-    });
-    NBFileObserver::setPollingInterval(0.05);
-    bool entered = false;
-    {
-        std::unique_lock lock(hold->mutex);
-        entered = hold->changed.wait_for(lock, 30s, [&] { return hold->entered; });
-    }
-    EXPECT_TRUE(entered);
+        // Hold the poll of the large tree, or the walk of it after it moved into the watched tree, however
+        // long this machine would take for it.
+        struct Hold {
+            std::mutex mutex;
+            std::condition_variable changed;
+            bool entered = false, released = false;
+        };
+        auto hold = std::make_shared<Hold>();
+        auto wait = [hold] {
+            std::unique_lock lock(hold->mutex);
+            hold->entered = true;
+            hold->changed.notify_all();
+            hold->changed.wait_for(lock, 120s, [&] { return hold->released; });
+        };
+        QString moved = tree + "/arriving";
+        if (polled) {
+            NBFileEventStream::setPollHook([=](const QString& path, bool) {
+                if (path == large)
+                    wait();
+            });
+            NBFileObserver::setPollingInterval(0.05);
+        } else {
+            NBFileEventStream::setWalkHook([=](const QString& folder) {
+                if (folder == moved)
+                    wait();
+            });
+            ASSERT_TRUE(QDir().rename(large, moved));
+        }
+        bool entered = false;
+        {
+            std::unique_lock lock(hold->mutex);
+            entered = hold->changed.wait_for(lock, 30s, [&] { return hold->entered; });
+        }
+        EXPECT_TRUE(entered);
 
-    // Meanwhile another stream's change arrives.
-    writeFile(watched + "/manifest.db");
-    EXPECT_TRUE(log->waitForPath(watched)) << qPrintable(describe(log->all()));
-    {
-        std::lock_guard lock(hold->mutex);
-        hold->released = true;
-        hold->changed.notify_all();
+        // Meanwhile another stream's change arrives.
+        std::size_t received = log->size();
+        writeFile(watched + "/manifest.db");
+        EXPECT_TRUE(log->waitForPath(watched, 0, received)) << qPrintable(describe(log->all()));
+        {
+            std::lock_guard lock(hold->mutex);
+            hold->released = true;
+            hold->changed.notify_all();
+        }
+        NBFileEventStream::setPollHook({});
+        NBFileEventStream::setWalkHook({});
+        // And the large tree is still observed, the moved one with watches on its folders.
+        QString inside = (polled ? large : moved) + "/folder-7";
+        writeFile(inside + "/new.txt");
+        EXPECT_TRUE(treeLog->waitForPath(inside)) << qPrintable(describe(treeLog->all()));
+        NBFileObserver::setPollingInterval(kNBFileObserverPollingInterval);
+        center.removeObserver(treeRecorder.get());
+        center.removeObserver(recorder.get());
     }
-    NBFileEventStream::setPollHook({});
-    // And the polled tree is still polled.
-    writeFile(polled + "/folder-7/new.txt");
-    EXPECT_TRUE(polledLog->waitForPath(polled + "/folder-7")) << qPrintable(describe(polledLog->all()));
-}
-
-TEST(NBFileObserverHelpers, EventsStandardizeTheirPathAndDescribeThemselves) {
-    QDateTime date(QDate(2026, 11, 21), QTime(20, 30), Qt::UTC);
-    NBFileSystemEvent event = NBFileSystemEvent::fileEventWithPath(
-        "/library/Local/./device/../Info/", date, 42,
-        kNBFileSystemEventFlagItemCreated | kNBFileSystemEventFlagItemIsFile);
-    EXPECT_EQ(event.path(), "/library/Local/Info");
-    QString description = event.description();
-    EXPECT_TRUE(description.startsWith("<NBFileSystemEvent:0x")) << qPrintable(description);
-    EXPECT_TRUE(
-        description.contains("\npath: /library/Local/Info\ndate: 2026-11-21T20:30:00.000Z\nidentifier: 42\n"))
-        << qPrintable(description);
-    EXPECT_TRUE(description.endsWith("(ItemCreated|ItemIsFile)")) << qPrintable(description);
 }
 
 TEST(NBFileObserverHelpers, SynchronisationTemporariesAreRecognised) {
