@@ -1,179 +1,148 @@
-// OAKStoreWatcher: the process-wide inotify thread behind store change detection (see OAKStoreWatcher.h).
+// OAKStoreWatcher: the stores' package watching, as a client of the file observer (see OAKStoreWatcher.h).
 #include "store/OAKStoreWatcher.h"
 
-#include "foundation/NBLogging.h"
-#include "store/OAKStoreLogging.h"
+#include "fileobserver/NBFileObserver.h"
 
-#include <QFile>
-#include <QSet>
-
-#include <cerrno>
 #include <map>
 #include <mutex>
 #include <set>
-#include <thread>
-
-#include <poll.h>
-#include <sys/inotify.h>
-#include <unistd.h>
-
-namespace {
-
-// Every watch gets the same mask, so that stores sharing a folder (two devices' stores on one package in one
-// process) share its watch: entries appearing, disappearing or being renamed, files written, and the folder
-// itself going away.
-constexpr uint32_t kWatchMask = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_MODIFY |
-                                IN_CLOSE_WRITE | IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
-
-} // namespace
+#include <vector>
 
 struct OAKStoreWatcher::Private {
-    int descriptor = -1;
-    std::mutex mutex;
-    Token nextToken = 1;
-    std::map<Token, Handler> handlers;
-    std::map<Token, QSet<QString>> foldersByToken;
-    struct Watch {
-        QString folder;
+    struct Folder {
+        std::shared_ptr<NBFileObserver> observer;
         std::set<Token> tokens;
     };
-    std::map<int, Watch> watches;
-    std::map<QString, int> watchByFolder;
 
-    void removeTokenFromFolder(Token token, const QString& folder) {
-        const auto found = watchByFolder.find(folder);
-        if (found == watchByFolder.end())
-            return;
-        Watch& watch = watches[found->second];
-        watch.tokens.erase(token);
-        if (watch.tokens.empty()) {
-            inotify_rm_watch(descriptor, found->second);
-            watches.erase(found->second);
-            watchByFolder.erase(found);
+    mutable std::mutex mutex;
+    Token nextToken = 1;
+    std::map<Token, std::shared_ptr<const Handler>> handlers;
+    std::map<Token, std::set<QString>> foldersByToken;
+    std::map<QString, Folder> folders;
+
+    // On the delivery thread: hands the folder to every handler that watches it, outside the lock.
+    void report(const QString& folder) {
+        std::vector<std::shared_ptr<const Handler>> calls;
+        {
+            std::lock_guard lock(mutex);
+            auto found = folders.find(folder);
+            if (found == folders.end())
+                return;
+            for (Token token : found->second.tokens) {
+                if (auto handler = handlers.find(token); handler != handlers.end())
+                    calls.push_back(handler->second);
+            }
         }
+        const QStringList paths{folder};
+        for (const auto& handler : calls)
+            (*handler)(paths);
+    }
+
+    // With the lock held: takes `token` off `folder`, and hands back the folder's observer to release
+    // (outside the lock) when no token is left.
+    std::shared_ptr<NBFileObserver> removeTokenLocked(Token token, const QString& folder) {
+        auto found = folders.find(folder);
+        if (found == folders.end())
+            return nullptr;
+        found->second.tokens.erase(token);
+        if (!found->second.tokens.empty())
+            return nullptr;
+        std::shared_ptr<NBFileObserver> observer = std::move(found->second.observer);
+        folders.erase(found);
+        return observer;
     }
 };
 
 OAKStoreWatcher& OAKStoreWatcher::shared() {
-    // Created on first use and kept for the life of the process, with its thread.
+    // Created on first use and kept for the life of the process: reports may arrive until it ends.
     static OAKStoreWatcher* watcher = new OAKStoreWatcher();
     return *watcher;
 }
 
-OAKStoreWatcher::OAKStoreWatcher() : d(std::make_unique<Private>()) {
-    d->descriptor = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
-    if (d->descriptor < 0) {
-        qCCritical(lcStore).noquote()
-            << QStringLiteral("Could not start watching store packages: inotify is not "
-                              "available (%1)")
-                   .arg(QString::fromLocal8Bit(strerror(errno)));
-        return;
-    }
-    std::thread([this] { run(); }).detach();
-}
+OAKStoreWatcher::OAKStoreWatcher() : d(std::make_shared<Private>()) {}
 
 OAKStoreWatcher::Token OAKStoreWatcher::registerHandler(Handler handler) {
-    if (d->descriptor < 0)
-        return 0;
     std::lock_guard lock(d->mutex);
     const Token token = d->nextToken++;
-    d->handlers.emplace(token, std::move(handler));
+    d->handlers.emplace(token, std::make_shared<const Handler>(std::move(handler)));
     return token;
 }
 
 void OAKStoreWatcher::setWatchedFolders(Token token, const QStringList& folders) {
-    if (token == 0)
-        return;
-    std::lock_guard lock(d->mutex);
-    QSet<QString>& current = d->foldersByToken[token];
-    const QSet<QString> wanted(folders.begin(), folders.end());
-    QSet<QString> unwanted = current;
-    unwanted.subtract(wanted);
-    for (const QString& folder : unwanted) {
-        d->removeTokenFromFolder(token, folder);
-        current.remove(folder);
-    }
-    for (const QString& folder : wanted) {
-        if (current.contains(folder))
-            continue;
-        auto found = d->watchByFolder.find(folder);
-        if (found == d->watchByFolder.end()) {
-            const int watch =
-                inotify_add_watch(d->descriptor, QFile::encodeName(folder).constData(), kWatchMask);
-            if (watch < 0) {
-                qCWarning(lcStore).noquote()
-                    << nbFormat("ERROR: could not start FSEventStream for path %@", folder);
+    const std::set<QString> wanted(folders.begin(), folders.end());
+    std::vector<QString> toObserve;
+    std::vector<std::shared_ptr<NBFileObserver>> released;
+    {
+        std::lock_guard lock(d->mutex);
+        if (!d->handlers.contains(token))
+            return;
+        std::set<QString>& current = d->foldersByToken[token];
+        for (auto folder = current.begin(); folder != current.end();) {
+            if (wanted.contains(*folder)) {
+                ++folder;
                 continue;
             }
-            // A folder replaced under the same name may come back with the watch of another path: drop the
-            // old name's entry.
-            if (const auto previous = d->watches.find(watch); previous != d->watches.end())
-                d->watchByFolder.erase(previous->second.folder);
-            d->watches[watch].folder = folder;
-            found = d->watchByFolder.insert_or_assign(folder, watch).first;
+            if (auto observer = d->removeTokenLocked(token, *folder))
+                released.push_back(std::move(observer));
+            folder = current.erase(folder);
         }
-        d->watches[found->second].tokens.insert(token);
-        current.insert(folder);
+        for (const QString& folder : wanted) {
+            if (current.contains(folder))
+                continue;
+            if (auto found = d->folders.find(folder); found != d->folders.end()) {
+                found->second.tokens.insert(token);
+                current.insert(folder);
+            } else {
+                toObserve.push_back(folder);
+            }
+        }
     }
+    // New observers start outside the lock: a report for another folder never waits for them. Only the
+    // folder itself and its direct entries: a device's log lives directly in its folder.
+    NBFileEventStreamOptions options;
+    options.latency = kOAKStoreWatcherLatency;
+    options.recursive = false;
+    for (const QString& folder : toObserve) {
+        auto response = NBEventResponse::eventResponseWithTarget(
+            d, [folder](Private& watcher, const NBFileSystemEvent&) { watcher.report(folder); });
+        std::shared_ptr<NBFileObserver> observer =
+            NBFileObserver::fileObserverWithPath(folder, response, options);
+        std::lock_guard lock(d->mutex);
+        // Unregistered meanwhile: the observer is not wanted any more.
+        if (!d->handlers.contains(token)) {
+            released.push_back(std::move(observer));
+            continue;
+        }
+        auto [found, inserted] = d->folders.try_emplace(folder);
+        if (inserted)
+            found->second.observer = std::move(observer);
+        else
+            released.push_back(std::move(observer)); // another store started one meanwhile
+        found->second.tokens.insert(token);
+        d->foldersByToken[token].insert(folder);
+    }
+}
+
+QStringList OAKStoreWatcher::watchedFolders(Token token) const {
+    std::lock_guard lock(d->mutex);
+    QStringList result;
+    if (auto found = d->foldersByToken.find(token); found != d->foldersByToken.end())
+        result = QStringList(found->second.begin(), found->second.end());
+    return result;
 }
 
 void OAKStoreWatcher::unregisterHandler(Token token) {
-    if (token == 0)
-        return;
-    std::lock_guard lock(d->mutex);
-    for (const QString& folder : d->foldersByToken[token])
-        d->removeTokenFromFolder(token, folder);
-    d->foldersByToken.erase(token);
-    d->handlers.erase(token);
-}
-
-void OAKStoreWatcher::run() {
-    alignas(struct inotify_event) char buffer[64 * 1024];
-    for (;;) {
-        pollfd descriptor{d->descriptor, POLLIN, 0};
-        if (poll(&descriptor, 1, -1) < 0) {
-            if (errno == EINTR)
-                continue;
-            return;
-        }
-        const ssize_t length = read(d->descriptor, buffer, sizeof buffer);
-        if (length <= 0)
-            continue;
-        std::map<Token, QStringList> changed;
-        std::vector<std::pair<Handler, QStringList>> calls;
-        {
-            std::lock_guard lock(d->mutex);
-            for (ssize_t offset = 0; offset < length;) {
-                const auto* event = reinterpret_cast<const struct inotify_event*>(buffer + offset);
-                offset += ssize_t(sizeof(struct inotify_event) + event->len);
-                if (event->mask & IN_Q_OVERFLOW) {
-                    // Events were lost: every store checks its package.
-                    for (const auto& [token, folders] : d->foldersByToken)
-                        changed[token] << folders.values();
-                    continue;
-                }
-                const auto watch = d->watches.find(event->wd);
-                if (watch == d->watches.end())
-                    continue;
-                const QString path = event->len > 0 ? watch->second.folder + QLatin1Char('/') +
-                                                          QFile::decodeName(QByteArray(event->name))
-                                                    : watch->second.folder;
-                for (const Token token : watch->second.tokens)
-                    changed[token] << path;
-                if (event->mask & IN_IGNORED) {
-                    // The folder went away and the kernel dropped its watch.
-                    for (const Token token : watch->second.tokens)
-                        d->foldersByToken[token].remove(watch->second.folder);
-                    d->watchByFolder.erase(watch->second.folder);
-                    d->watches.erase(watch);
-                }
+    std::vector<std::shared_ptr<NBFileObserver>> released;
+    {
+        std::lock_guard lock(d->mutex);
+        if (auto found = d->foldersByToken.find(token); found != d->foldersByToken.end()) {
+            for (const QString& folder : found->second) {
+                if (auto observer = d->removeTokenLocked(token, folder))
+                    released.push_back(std::move(observer));
             }
-            for (auto& [token, paths] : changed) {
-                if (const auto handler = d->handlers.find(token); handler != d->handlers.end())
-                    calls.emplace_back(handler->second, std::move(paths));
-            }
+            d->foldersByToken.erase(found);
         }
-        for (const auto& [handler, paths] : calls)
-            handler(paths);
+        d->handlers.erase(token);
     }
+    // The observers stop their streams here, outside the lock.
 }

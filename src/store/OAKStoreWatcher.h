@@ -1,11 +1,18 @@
-// OAKStoreWatcher: one process-wide inotify thread that tells loaded stores when files in their packages
-// change (see OAKStore.h for how stores use it in place of file presenting and coordination).
+// OAKStoreWatcher: tells loaded stores when another device's files in their packages change (see OAKStore.h
+// for how stores use it).
 //
-// A store registers itself and the folders it wants watched (its package, the package's "devices" folder,
-// the foreign device folders); the watcher keeps one inotify watch per folder however many stores share it,
-// reads events on its own thread, gathers them per store for each read, and hands each store the list of
-// paths that changed. Handlers run on the watcher thread without the watcher's lock held and must only
-// schedule work (a store calls syncSoon); they never read logs.
+// A store registers a handler and the folders it wants watched (its package, the package's "devices" folder,
+// the foreign device folders). The watcher observes each folder through the file observer (one
+// NBFileObserver per folder, however many stores share it), without recursion and with a short latency
+// (kOAKStoreWatcherLatency): the store's own sync timers do the coalescing. Reports arrive on the file
+// observers' delivery thread; a handler gets the folders that changed and must only schedule work (a store
+// calls syncSoon), never read logs.
+//
+// A watched folder stays watched for as long as a store asks for it, whatever happens to it on disk: a
+// folder that is deleted and recreated, moved away and back or replaced by another, that does not exist yet,
+// or that could not be watched (the watch limit) is polled until it can be watched again, and its return
+// is reported. So what a store asked for is what is watched, and a store only compares its wish with the
+// watcher's.
 #pragma once
 
 #include <QString>
@@ -14,6 +21,10 @@
 #include <functional>
 #include <memory>
 
+// Seconds the watcher gathers changes before it reports them: enough to make one report of the burst of
+// writes that one log commit makes, short against the store's sync delay.
+inline constexpr double kOAKStoreWatcherLatency = 0.1;
+
 class OAKStoreWatcher {
 public:
     using Handler = std::function<void(const QStringList& changedPaths)>;
@@ -21,15 +32,18 @@ public:
 
     static OAKStoreWatcher& shared();
 
-    // Registers a handler; returns 0 when inotify is not available.
+    // Registers a handler and returns its token (never 0).
     Token registerHandler(Handler handler);
-    // Replaces the folders watched for `token`. Folders that cannot be watched are logged and skipped.
+    // Replaces the folders watched for `token`. A folder that cannot be watched now is polled until it can.
     void setWatchedFolders(Token token, const QStringList& folders);
+    // The folders watched for `token`, sorted.
+    QStringList watchedFolders(Token token) const;
+    // Stops the token's reports. A report that was already on its way may still reach the handler after this
+    // returns: a handler checks its own state before it acts (the store does, under its report lock).
     void unregisterHandler(Token token);
 
 private:
     OAKStoreWatcher();
-    void run();
     struct Private;
-    std::unique_ptr<Private> d;
+    std::shared_ptr<Private> d;
 };
