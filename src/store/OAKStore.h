@@ -25,8 +25,8 @@
 //
 // Other devices. Foreign logs are read again by the sync step (sync, syncSoon, syncNow): timers on the
 // database queue run it 1 s after the last foreign change and at most 15 s after the first. What triggers
-// it on Linux: there is no file presenter or file coordinator here, so a loaded store watches its own
-// package with inotify, through one process-wide watcher thread (store/OAKStoreWatcher.h): the package
+// it: a loaded store watches its own package through the store watcher (store/OAKStoreWatcher.h, a client
+// of the file observer, whose reports arrive on the file observer's delivery thread): the package
 // folder (the package going away means the store was deleted: OAKStoreDidDeleteNotification, database
 // closed), the "devices" folder (a device appearing or going away) and every foreign device folder (their
 // logs changing, in place or replaced by a rename). The local device's folder is not watched, and a change
