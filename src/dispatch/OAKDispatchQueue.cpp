@@ -9,9 +9,11 @@
 // their queue. Concurrent queues never append themselves.
 //
 // Timers. Each queue keeps a dictionary from timer name to record (due time, pending timer source), touched
-// only on the queue itself; the public timer operations reach it through an asynchronous dispatch. The
-// sources are OAKTimerSource objects served by the one timer thread, which posts their firing back onto
-// this queue. Records are never removed: an idle record remembers the time that throttling measures from.
+// only on the queue itself, by one block at a time: the public timer operations reach it through an
+// asynchronous dispatch, which on a concurrent queue is a barrier (as is a timer's firing there), since
+// blocks of a concurrent queue would otherwise touch the table side by side. The sources are OAKTimerSource
+// objects served by the one timer thread, which posts their firing back onto this queue. Records are never
+// removed: an idle record remembers the time that throttling measures from.
 //
 // At process exit, once the dispatch threads have stopped, a synchronous dispatch onto a queue that is not
 // free at once raises an assertion (with the default handler the process ends with the message) instead of
@@ -121,13 +123,15 @@ struct OAKDispatchQueue::Private {
     std::optional<std::map<QString, TimerRecord>> timers;
     std::atomic<unsigned> timerCountPrivate{0};
     // Records holding a pending source, kept as records change so that recounting costs nothing even
-    // with many timer names (a full pass per change made scheduling quadratic in the number of names).
+    // with many timer names (a full pass per change would make scheduling quadratic in their number).
     unsigned pendingRecords = 0;
 
     bool scheduleTimer(const QString& name, double referenceTime, double timeInterval,
                        OAKTimerBehavior behavior, const OAKBlock& block);
     void cancelTimer(const QString& name);
     void updateTimerCountPrivate();
+    // Runs a step that touches the timer table on the queue, one at a time (see Timers above).
+    void dispatchTimerStep(OAKBlock step);
 };
 
 OAKDispatchQueue::OAKDispatchQueue() : d(std::make_unique<Private>()) {
@@ -300,10 +304,17 @@ bool OAKDispatchQueue::isInCurrentQueueStack() const {
 void OAKDispatchQueue::scheduleTimerWithName(const QString& name, double timeInterval,
                                              OAKTimerBehavior behavior, OAKBlock block) {
     const double referenceTime = _now();
-    dispatchAsynchronously(
+    d->dispatchTimerStep(
         [self = shared_from_this(), name, referenceTime, timeInterval, behavior, block = std::move(block)] {
             self->d->scheduleTimer(name, referenceTime, timeInterval, behavior, block);
         });
+}
+
+void OAKDispatchQueue::Private::dispatchTimerStep(OAKBlock step) {
+    if (concurrent)
+        queue->barrierAsync(std::move(step));
+    else
+        owner->dispatchAsynchronously(std::move(step));
 }
 
 bool OAKDispatchQueue::Private::scheduleTimer(const QString& name, double referenceTime, double timeInterval,
@@ -346,12 +357,16 @@ bool OAKDispatchQueue::Private::scheduleTimer(const QString& name, double refere
         const double requested = now + interval;
         if (behavior == OAKTimerBehaviorDelay || !pending || (due && *due > requested))
             source->setTimer(interval);
-        // For a kept coalesced timer this stores the later, requested time on purpose.
+        // The record holds the latest request's time even when an earlier pending firing is kept, as a
+        // coalesced timer's record is defined. With one interval per timer name, as every caller uses, a
+        // later request is never due sooner than that time, so the earliest firing is what stays.
         due = requested;
     }
 
     std::weak_ptr<OAKDispatchQueue> weakOwner = owner->weak_from_this();
     const bool isConcurrent = concurrent;
+    // On a concurrent queue the handler runs as a barrier (see OAKTimerSource), so its cancelling step
+    // touches the table alone.
     source->setHandler([weakOwner, name, block, isConcurrent] {
         const std::shared_ptr<OAKDispatchQueue> self = weakOwner.lock();
         if (!self)
@@ -390,11 +405,11 @@ void OAKDispatchQueue::Private::updateTimerCountPrivate() {
 }
 
 void OAKDispatchQueue::cancelTimerWithName(const QString& name) {
-    dispatchAsynchronously([self = shared_from_this(), name] { self->d->cancelTimer(name); });
+    d->dispatchTimerStep([self = shared_from_this(), name] { self->d->cancelTimer(name); });
 }
 
 void OAKDispatchQueue::cancelAllTimers() {
-    dispatchAsynchronously([self = shared_from_this()] {
+    d->dispatchTimerStep([self = shared_from_this()] {
         if (!self->d->timers)
             return;
         QStringList names;
@@ -429,8 +444,7 @@ QString OAKDispatchQueue::description() const {
 }
 
 double OAKDispatchQueue::_now() {
-    // The same clock as the timer thread's (steady_clock, seconds since its epoch).
-    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+    return OAKTimerClock::now();
 }
 
 // MARK: - OAKBlockOperation

@@ -15,43 +15,45 @@
 // of the pool's FIFO, so a busy queue cannot starve the others. Blocks of one queue thus run one at a time,
 // in submission order, possibly on different threads over time.
 //
-// Synchronous dispatch runs its block on the calling thread, as libdispatch does: on an idle queue the
-// caller takes ownership at once and runs the block inline (two uncontended mutex round trips); on a busy
-// queue it enqueues a waiter record and sleeps on a semaphore. When the drain reaches the waiter it hands
-// ownership over (the worker leaves the queue owned and returns to the pool) and the caller runs its block,
-// then hands the queue on. The one exception is the main queue called from another thread: its blocks must
-// run on the main thread, so the block is enqueued as an ordinary job and the caller waits for it.
+// Synchronous dispatch runs its block on the calling thread, which saves two thread switches per call: on an
+// idle queue the caller takes ownership at once and runs the block inline (two uncontended mutex round
+// trips); on a busy queue it enqueues a waiter record and sleeps on a semaphore. When the drain reaches the
+// waiter it hands ownership over (the worker leaves the queue owned and returns to the pool) and the caller
+// runs its block, then hands the queue on. The one exception is the main queue called from another thread:
+// its blocks must run on the main thread, so the block is enqueued as an ordinary job and the caller waits
+// for it.
 //
 // Concurrent queues keep in their FIFO only what cannot start yet. A block starts when no barrier runs;
 // a barrier starts when nothing runs and then holds back everything after it.
 //
 // Blocking workers. A worker that blocks in a synchronous dispatch tells the pool, which then may start
-// another thread so that the queue being waited for can still make progress (libdispatch grows its pool
-// the same way). Blocking the pool cannot see (a block that sleeps or waits on a lock of its own) is
-// caught by a watchdog on the timer thread: when tasks have waited 50 ms without any worker taking one,
-// it starts one more thread. Threads above the parallelism retire after 10 s without work; the pool never
-// exceeds 64 threads.
+// another thread so that the queue being waited for can still make progress. Blocking the pool cannot see (a
+// block that sleeps or waits on a lock of its own) is caught by a watchdog on the timer thread: when tasks
+// have waited 50 ms without any worker taking one, it starts one more thread. Threads above the parallelism
+// retire after 10 s without work; the pool never exceeds 64 threads.
 //
-// Per-thread execution frames. libdispatch's queue-specific values are emulated with thread-local state.
-// Every execution of blocks on a queue (inline for a synchronous dispatch, on a worker or the main thread
-// for an asynchronous one) opens a frame on the running thread: the queue, whose context pointer is the
-// wrapping OAKDispatchQueue (the value under OAKIsCurrentKey), and one slot that starts empty and is
-// dropped when the execution ends (the value under OAKQueueStackKey, which OAKDispatchQueue sets while
-// its bookkeeping runs). The previous frame is restored afterwards, so nested synchronous dispatches see
-// exactly the innermost queue, and a thread outside any queue sees nothing.
+// Per-thread execution frames. The queue-specific values live in thread-local state. Every execution of
+// blocks on a queue (inline for a synchronous dispatch, on a worker or the main thread for an asynchronous
+// one) opens a frame on the running thread: the queue, whose context pointer is the wrapping OAKDispatchQueue
+// (the value under OAKIsCurrentKey), and one slot that starts empty and is dropped when the execution ends
+// (the value under OAKQueueStackKey, which OAKDispatchQueue sets while its bookkeeping runs). The previous
+// frame is restored afterwards, so nested synchronous dispatches see exactly the innermost queue, and a
+// thread outside any queue sees nothing.
 //
 // Main queue. A command-line program has no platform main thread, so one thread stands for it and the
 // main queue is a serial queue bound to that thread. If a QCoreApplication exists when the main queue is
 // first used, that is the application's thread and the queue's drains are posted to it with
 // QMetaObject::invokeMethod(qApp, ..., Qt::QueuedConnection), so its blocks run from the application's
-// event loop (a program that never runs the loop never runs main-queue blocks, as on other platforms).
+// event loop (a program that never runs the loop never runs main-queue blocks).
 // Otherwise a dedicated process-wide thread stands for the main thread. The binding is made once and
 // does not change later. OAKQueue::isMainThread() is true exactly on that thread.
 //
 // Timer thread. One thread serves every timer source: it keeps the armed sources ordered by due time
-// (monotonic seconds, the clock of OAKDispatchQueue::_now) and sleeps until the earliest. When a source is
-// due it posts the source's firing onto the source's queue; the firing runs the handler there unless the
-// source was cancelled or set again in the meantime. The thread starts on first use.
+// (OAKTimerClock: monotonic seconds, or a manual clock in tests) and sleeps until the earliest. When a
+// source is due it posts the source's firing onto the source's queue (as a barrier on a concurrent queue);
+// the firing runs the handler there unless the source was cancelled or set again in the meantime. The
+// thread starts on first use. With the manual clock it sleeps until the clock is moved, then posts what is
+// due and tells the mover so.
 //
 // Exceptions. A synchronous dispatch whose block throws hands the exception to its caller, after the queue
 // has been handed on (the frame restored, ownership or the concurrent slot released), so the queue keeps
@@ -76,8 +78,11 @@
 #include <QMetaObject>
 #include <QThread>
 
+#include <pthread.h>
+
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <optional>
 #include <semaphore>
 #include <thread>
@@ -109,8 +114,35 @@ thread_local int threadRole = 0;
 // Cached answer of OAKQueue::isMainThread(): -1 unknown, 0 no, 1 yes.
 thread_local int mainThreadState = -1;
 
+// The manual clock of tests (see OAKTimerClock): while it is on, its reading is the time.
+std::atomic<bool> manualClock{false};
+std::atomic<double> manualClockSeconds{0};
+
 double nowSeconds() {
+    if (manualClock.load(std::memory_order_acquire))
+        return manualClockSeconds.load(std::memory_order_acquire);
     return std::chrono::duration<double>(Clock::now().time_since_epoch()).count();
+}
+
+struct PoolCheckHook {
+    std::mutex mutex;
+    std::function<void(bool)> hook;
+};
+
+PoolCheckHook& poolCheckHook() {
+    // Never freed: the timer thread may call it while the process exits.
+    static auto* const shared = new PoolCheckHook;
+    return *shared;
+}
+
+void runPoolCheckHook(bool keepWatching) {
+    std::function<void(bool)> hook;
+    {
+        std::lock_guard lock(poolCheckHook().mutex);
+        hook = poolCheckHook().hook;
+    }
+    if (hook)
+        hook(keepWatching);
 }
 
 Clock::time_point timePointForSeconds(double seconds) {
@@ -223,6 +255,7 @@ private:
     void workerMain() {
         threadRole = 1;
         mainThreadState = 0;
+        pthread_setname_np(pthread_self(), "OAKWorker");
         std::unique_lock lock(mutex_);
         for (;;) {
             if (!tasks_.empty() && !stopping_) {
@@ -314,10 +347,21 @@ public:
             std::lock_guard lock(mutex_);
             stopping_ = true;
             wake_.notify_one();
+            advanced_.notify_all();
             thread = std::move(thread_);
         }
         if (thread.joinable())
             thread.join();
+    }
+
+    // Moves the manual clock and waits until the thread has posted what became due.
+    void advanceManualClock(double seconds) {
+        std::unique_lock lock(mutex_);
+        manualClockSeconds.store(manualClockSeconds.load() + std::max(0.0, seconds));
+        const unsigned long long advance = ++advances_;
+        startLocked();
+        wake_.notify_one();
+        advanced_.wait(lock, [&] { return advancesServed_ >= advance || stopping_; });
     }
 
     using Firing = std::pair<std::shared_ptr<OAKTimerSource>, unsigned long long>;
@@ -335,9 +379,11 @@ private:
     void threadMain() {
         threadRole = 2;
         mainThreadState = 0;
+        pthread_setname_np(pthread_self(), "OAKTimer");
         std::unique_lock lock(mutex_);
         std::vector<Firing> due;
         while (!stopping_) {
+            const unsigned long long advances = advances_;
             collectDue(schedule_, nowSeconds(), due);
             if (!due.empty()) {
                 lock.unlock();
@@ -347,12 +393,17 @@ private:
                 lock.lock();
                 continue;
             }
+            if (advancesServed_ != advances) {
+                advancesServed_ = advances;
+                advanced_.notify_all();
+            }
             if (watchingPool_) {
                 // A request to watch that arrives while the pool is being checked must not be lost: the
                 // pool only asks again once the watch it asked for has ended.
                 const unsigned long long requests = watchRequests_;
                 lock.unlock();
                 const bool keepWatching = pool_->checkStall();
+                runPoolCheckHook(keepWatching);
                 lock.lock();
                 if (!keepWatching && watchRequests_ == requests)
                     watchingPool_ = false;
@@ -362,7 +413,8 @@ private:
                     break;
             }
             std::optional<Clock::time_point> deadline;
-            if (!schedule_.empty())
+            // A manual clock moves only through advance(), which wakes the thread.
+            if (!schedule_.empty() && !manualClock.load())
                 deadline = timePointForSeconds(schedule_.begin()->first);
             if (watchingPool_) {
                 const auto check = Clock::now() + std::chrono::milliseconds(25);
@@ -378,10 +430,14 @@ private:
     WorkerPool* pool_ = nullptr;
     std::mutex mutex_;
     std::condition_variable wake_;
+    std::condition_variable advanced_;
     std::multimap<double, std::weak_ptr<OAKTimerSource>> schedule_;
     std::thread thread_;
     bool watchingPool_ = false;
     unsigned long long watchRequests_ = 0;
+    // Moves of the manual clock, and the last one whose due firings have been posted.
+    unsigned long long advances_ = 0;
+    unsigned long long advancesServed_ = 0;
     bool stopping_ = false;
 };
 
@@ -460,6 +516,7 @@ private:
     void threadMain() {
         threadRole = 3;
         mainThreadState = 1;
+        pthread_setname_np(pthread_self(), "OAKMain");
         std::unique_lock lock(mutex_);
         while (!stopping_) {
             if (tasks_.empty()) {
@@ -849,7 +906,12 @@ void OAKTimerThread::collectDue(std::multimap<double, std::weak_ptr<OAKTimerSour
 void OAKTimerThread::post(const Firing& firing) {
     std::shared_ptr<OAKTimerSource> source = firing.first;
     const unsigned long long generation = firing.second;
-    source->queue_->async([source, generation] { source->fire(generation); });
+    // On a concurrent queue the firing is a barrier: its handler updates the queue's timer table, which
+    // only one block may touch at a time.
+    if (source->queue_->isConcurrent())
+        source->queue_->barrierAsync([source, generation] { source->fire(generation); });
+    else
+        source->queue_->async([source, generation] { source->fire(generation); });
 }
 
 std::shared_ptr<OAKTimerSource> OAKTimerSource::create(std::shared_ptr<OAKQueue> queue) {
@@ -928,4 +990,32 @@ void OAKTimerSource::fire(unsigned long long generation) {
     }
     if (handler)
         handler();
+}
+
+// MARK: - OAKTimerClock and test seams
+
+double OAKTimerClock::now() {
+    return nowSeconds();
+}
+
+void OAKTimerClock::setManual(bool manual) {
+    if (manual) {
+        // Started on a multiple of 1/1024 s (rounded up, so that it never goes back): times a test adds to it
+        // in binary fractions of a second then stay exact however far the clock has run.
+        manualClockSeconds.store(std::ceil(nowSeconds() * 1024) / 1024, std::memory_order_release);
+        manualClock.store(true, std::memory_order_release);
+    } else {
+        manualClock.store(false, std::memory_order_release);
+        // Timers armed on the manual clock are due by the machine's clock from now on.
+        runtime().timers.advanceManualClock(0);
+    }
+}
+
+void OAKTimerClock::advance(double seconds) {
+    runtime().timers.advanceManualClock(seconds);
+}
+
+void OAKQueue::setPoolCheckHook(std::function<void(bool keepWatching)> hook) {
+    std::lock_guard lock(poolCheckHook().mutex);
+    poolCheckHook().hook = std::move(hook);
 }

@@ -2,10 +2,10 @@
 // threads, plus one-shot timer sources served by one timer thread. See OAKQueue.cpp for the design.
 //
 // This layer knows nothing of queue stacks, deadlock behaviours or named timers; OAKDispatchQueue builds
-// those on top of it. What it offers in their place is the emulation of libdispatch's queue-specific
-// values: every queue carries one context pointer (the wrapping OAKDispatchQueue), and every execution of
-// a block on a queue (inline for a synchronous dispatch, on a worker for an asynchronous one) opens a
-// frame on the running thread that holds the queue and one per-execution slot (the queue stack).
+// those on top of it. What it offers in their place are the queue-specific values: every queue carries one
+// context pointer (the wrapping OAKDispatchQueue), and every execution of a block on a queue (inline for a
+// synchronous dispatch, on a worker for an asynchronous one) opens a frame on the running thread that holds
+// the queue and one per-execution slot (the queue stack).
 #pragma once
 
 #include <QString>
@@ -80,6 +80,11 @@ public:
     // or some of a serial queue's pending blocks (job empty).
     void runFromExecutor(OAKJob& job, bool barrier);
 
+    // Test seam: called on the timer thread after each check of the worker pool for a stall, with the timer
+    // thread's lock released; `keepWatching` is false when the pool no longer needs watching. Tests use it
+    // to act at the moment the watchdog decides whether to go on.
+    static void setPoolCheckHook(std::function<void(bool keepWatching)> hook);
+
 private:
     struct Waiter;
     struct Item {
@@ -124,9 +129,22 @@ private:
     bool stranded_ = false;
 };
 
-// A one-shot timer source: once started, it posts its handler to its queue when it is due. Setting the
-// timer again before it fires moves the firing; cancelling stops it for good. All operations are safe on
-// any thread; OAKDispatchQueue calls them on the source's queue.
+// The timers' clock: monotonic seconds (OAKDispatchQueue::_now reads it). Tests can stop it and move it by
+// hand, so that timer tests check exact times and take no real time.
+class OAKTimerClock {
+public:
+    static double now();
+    // True: from now on the clock stands at its current reading and moves only by advance(). False: it
+    // follows the machine's monotonic clock again.
+    static void setManual(bool manual);
+    // Moves a manual clock forward by `seconds` (0 is allowed) and returns once the timer thread has posted
+    // to their queues every firing due by then.
+    static void advance(double seconds);
+};
+
+// A one-shot timer source: once started, it posts its handler to its queue when it is due, as a barrier on
+// a concurrent queue. Setting the timer again before it fires moves the firing; cancelling stops it for
+// good. All operations are safe on any thread; OAKDispatchQueue calls them on the source's queue.
 class OAKTimerSource : public std::enable_shared_from_this<OAKTimerSource> {
 public:
     static std::shared_ptr<OAKTimerSource> create(std::shared_ptr<OAKQueue> queue);

@@ -1,5 +1,6 @@
-// Tests of the dispatch queues: nesting and the queue stack, the deadlock guard, ordering, the shared pool,
-// the main queue, the named timers and OAKBlockOperation.
+// Tests of the dispatch queues: nesting and the queue stack, the deadlock guard, ordering, synchronous
+// callers handed a busy queue, the shared pool and its stall watchdog, stopping at exit, the main queue, the
+// named timers (on a manual clock) and OAKBlockOperation.
 #include "dispatch/OAKDispatchQueue.h"
 #include "dispatch/OAKQueue.h"
 #include "foundation/testing/NBMessageCapture.h"
@@ -22,6 +23,7 @@
 #include <limits>
 #include <map>
 #include <mutex>
+#include <semaphore>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -30,11 +32,15 @@ namespace {
 
 using Queue = std::shared_ptr<OAKDispatchQueue>;
 
+double realSeconds() {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
 // Waits for a condition while running the application's event loop (main-queue blocks run from it).
 bool waitUntil(const std::function<bool()>& condition, double seconds = 20) {
-    const double deadline = OAKDispatchQueue::_now() + seconds;
+    const double deadline = realSeconds() + seconds;
     while (!condition()) {
-        if (OAKDispatchQueue::_now() > deadline)
+        if (realSeconds() > deadline)
             return false;
         QCoreApplication::processEvents();
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
@@ -145,9 +151,6 @@ TEST(OAKDispatchQueue, NestedSynchronousDispatchSeesTheWholeStackButOnlyTheInner
 TEST(OAKDispatchQueue, ConcurrentQueuesNeverEnterTheStackAndBarriersWaitForRunningBlocks) {
     Queue serial = OAKDispatchQueue::dispatchQueueWithLabel(QStringLiteral("serial"));
     Queue concurrent = OAKDispatchQueue::sharedConcurrentQueue();
-    EXPECT_TRUE(concurrent->isConcurrent());
-    EXPECT_EQ(concurrent->label(), QStringLiteral("OAKSharedConcurrentQueue"));
-    EXPECT_EQ(concurrent->deadlockBehavior(), OAKDeadlockBehaviorBlock);
 
     NBMessageCapture capture;
     std::atomic<int> asyncSawStack = -1;
@@ -376,8 +379,8 @@ TEST(OAKDispatchQueue, BlocksThatWaitForEachOtherAllRunEvenBeyondThePoolSize) {
     std::atomic<int> arrived = 0;
     std::atomic<int> passed = 0;
     shared->dispatchAsynchronously([&] {
-        const double deadline = OAKDispatchQueue::_now() + 60;
-        while (arrived.load() < count && OAKDispatchQueue::_now() < deadline)
+        const double deadline = realSeconds() + 60;
+        while (arrived.load() < count && realSeconds() < deadline)
             sleepSeconds(0.001);
     });
     for (const Queue& queue : queues) {
@@ -389,10 +392,141 @@ TEST(OAKDispatchQueue, BlocksThatWaitForEachOtherAllRunEvenBeyondThePoolSize) {
     ASSERT_TRUE(waitUntil([&] { return passed.load() == count; }, 60));
 }
 
+// Occupies every thread of the pool with blocks that wait until released, one queue each.
+class PoolBlocker {
+public:
+    explicit PoolBlocker(int count) {
+        for (int index = 0; index < count; ++index) {
+            queues_.push_back(
+                OAKDispatchQueue::dispatchQueueWithLabel(QStringLiteral("blocked%1").arg(index)));
+            queues_.back()->dispatchAsynchronously([this] {
+                ++started_;
+                std::unique_lock lock(mutex_);
+                released_.wait_for(lock, std::chrono::seconds(60), [&] { return release_; });
+            });
+        }
+    }
+    ~PoolBlocker() { release(); }
+    void release() {
+        std::lock_guard lock(mutex_);
+        release_ = true;
+        released_.notify_all();
+    }
+    int started() const { return started_.load(); }
+
+private:
+    std::vector<Queue> queues_;
+    std::atomic<int> started_ = 0;
+    std::mutex mutex_;
+    std::condition_variable released_;
+    bool release_ = false;
+};
+
+int poolParallelism() {
+    return int(std::clamp(std::thread::hardware_concurrency(), 2u, 32u));
+}
+
+TEST(OAKDispatchQueue, StallWatchdogStaysOnWhenWorkArrivesWhileItDecidesToStop) {
+    // Every worker is held; the watchdog adds a thread for the last held block, finds the pool idle of
+    // tasks and decides to stop watching. Just then another block arrives, asking for the watch again: the
+    // watchdog must stay on and add a thread for it, or the block waits forever.
+    Queue late = OAKDispatchQueue::dispatchQueueWithLabel(QStringLiteral("late"));
+    std::atomic<bool> asked = false;
+    std::atomic<bool> ran = false;
+    OAKQueue::setPoolCheckHook([&](bool keepWatching) {
+        if (!keepWatching && !asked.exchange(true))
+            late->dispatchAsynchronously([&] { ran = true; });
+    });
+    PoolBlocker blocker(poolParallelism() + 2);
+    EXPECT_TRUE(waitUntil([&] { return ran.load(); }, 10))
+        << "the block that arrived during the check never ran";
+    EXPECT_TRUE(asked.load());
+    blocker.release();
+    OAKQueue::setPoolCheckHook({});
+}
+
+// Exits while the timer thread is checking the pool and a timer is due only in a minute; prints nothing
+// and exits with 0 when the exit does not wait for that timer.
+[[noreturn]] void exitWhileTheTimerThreadChecksThePool() {
+    std::thread([] {
+        sleepSeconds(20);
+        std::_Exit(3); // the exit waited for the timer
+    }).detach();
+    Queue queue = OAKDispatchQueue::dispatchQueueWithLabel(QStringLiteral("later"));
+    queue->scheduleTimerWithName(QStringLiteral("in a minute"), 60, OAKTimerBehaviorDelay, [] {});
+    auto checking = std::make_shared<std::binary_semaphore>(0);
+    auto held = std::make_shared<std::atomic<bool>>(false);
+    OAKQueue::setPoolCheckHook([checking, held](bool keepWatching) {
+        // The first check that ends the watch: hold the timer thread here while the process exits.
+        if (!keepWatching && !held->exchange(true)) {
+            checking->release();
+            sleepSeconds(0.5);
+        }
+    });
+    // More short blocks than the pool has threads: the watchdog adds one, then ends its watch.
+    std::vector<Queue> queues;
+    for (int index = 0; index < poolParallelism() + 1; ++index) {
+        queues.push_back(OAKDispatchQueue::dispatchQueueWithLabel(QStringLiteral("short%1").arg(index)));
+        queues.back()->dispatchAsynchronously([] { sleepSeconds(0.3); });
+    }
+    checking->acquire();
+    std::exit(0);
+}
+
+TEST(OAKDispatchQueueDeathTest, ExitDoesNotWaitForTheNextTimerWhenItComesDuringAPoolCheck) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(exitWhileTheTimerThreadChecksThePool(), testing::ExitedWithCode(0), "");
+}
+
+TEST(OAKDispatchQueue, SynchronousCallersWaitingBehindOtherBlocksAreHandedTheQueueAndReturn) {
+    // Callers that find the queue busy leave a wake-up record and sleep; whoever finishes before them wakes
+    // them. Many such hand-overs, onto a serial queue kept busy and onto a concurrent queue whose barriers
+    // hold the others back, each checked for exclusion and completion.
+    for (bool concurrent : {false, true}) {
+        SCOPED_TRACE(concurrent ? "concurrent" : "serial");
+        std::shared_ptr<OAKQueue> queue = concurrent ? OAKQueue::createConcurrentQueue("handover")
+                                                     : OAKQueue::createSerialQueue("handover");
+        constexpr int threads = 4, calls = 500;
+        std::atomic<int> inside = 0, readers = 0, overlaps = 0, completed = 0;
+        auto exclusive = [&] {
+            if (inside.fetch_add(1) != 0 || readers.load() != 0)
+                ++overlaps;
+            inside.fetch_sub(1);
+            ++completed;
+        };
+        auto shared = [&] {
+            ++readers;
+            if (inside.load() != 0)
+                ++overlaps;
+            --readers;
+            ++completed;
+        };
+        std::vector<std::thread> callers;
+        for (int thread = 0; thread < threads; ++thread) {
+            callers.emplace_back([&, thread] {
+                for (int call = 0; call < calls; ++call) {
+                    bool ran = true;
+                    if (call % 3 == 0)
+                        queue->async(concurrent ? OAKJob(shared) : OAKJob(exclusive));
+                    else if (concurrent && (call + thread) % 2 == 0)
+                        ran = queue->barrierSync(exclusive);
+                    else
+                        ran = queue->sync(concurrent ? OAKJob(shared) : OAKJob(exclusive));
+                    if (!ran)
+                        ++overlaps;
+                }
+            });
+        }
+        for (auto& thread : callers)
+            thread.join();
+        EXPECT_TRUE(waitUntil([&] { return completed.load() == threads * calls; })) << completed.load();
+        EXPECT_EQ(overlaps.load(), 0);
+    }
+}
+
 TEST(OAKDispatchQueue, MainQueueRunsItsBlocksOnTheMainThread) {
     Queue main = OAKDispatchQueue::mainDispatchQueue();
     Queue worker = OAKDispatchQueue::dispatchQueueWithLabel(QStringLiteral("worker"));
-    EXPECT_EQ(main->deadlockBehavior(), OAKDeadlockBehaviorExecute);
     EXPECT_TRUE(main->isInCurrentQueueStack());
     QThread* const mainThread = QThread::currentThread();
 
@@ -412,8 +546,22 @@ TEST(OAKDispatchQueue, MainQueueRunsItsBlocksOnTheMainThread) {
     EXPECT_TRUE(syncOnMain.load());
 }
 
-// Timer scenarios, in seconds from the first request. Each request names the block it installs; the
-// expected firings name the block that runs and when, as an offset from one of the requests.
+// Moves the timers' clock by hand for one test, so that timer tests check exact times at no real cost.
+class ManualClock {
+public:
+    ManualClock() : start_((OAKTimerClock::setManual(true), OAKTimerClock::now())) {}
+    ~ManualClock() { OAKTimerClock::setManual(false); }
+    ManualClock(const ManualClock&) = delete;
+    ManualClock& operator=(const ManualClock&) = delete;
+    double elapsed() const { return OAKTimerClock::now() - start_; }
+    void advanceTo(double seconds) { OAKTimerClock::advance(std::max(0.0, seconds - elapsed())); }
+
+private:
+    const double start_;
+};
+
+// Timer scenarios, in seconds of the manual clock. Each request names the block it installs; the expected
+// firings name the block that runs and when.
 struct TimerRequest {
     double at;
     double interval;
@@ -421,115 +569,101 @@ struct TimerRequest {
 };
 struct ExpectedFiring {
     const char* tag;
-    int anchorRequest; // -1: the moment the queue stopped being busy
-    double offset;
+    double at;
 };
 struct TimerScenario {
     const char* name;
     OAKTimerBehavior behavior;
     std::vector<TimerRequest> requests;
     std::vector<ExpectedFiring> firings;
-    double blockQueueFor = 0; // the queue is busy this long before the requests reach it
+    double queueBusyUntil = 0; // the requests reach the queue only then
 };
 
-void runTimerScenarios(const std::vector<TimerScenario>& scenarios, double lastFiring) {
-    struct Firing {
-        QString tag;
-        double at;
+TEST(OAKDispatchQueue, TimersCoalesceDelayAndThrottleRequestsAndCountTheWaitOnTheirQueue) {
+    const TimerScenario scenarios[] = {
+        // The earliest due time wins; the block of the latest request is the one that runs.
+        {"coalesce", OAKTimerBehaviorCoalesce, {{0, 5, "a"}, {1, 5, "b"}}, {{"b", 5}}},
+        {"coalesce sooner", OAKTimerBehaviorCoalesce, {{0, 5, "a"}, {1, 1, "b"}}, {{"b", 2}}},
+        {"delay", OAKTimerBehaviorDelay, {{0, 5, "a"}, {4, 5, "b"}}, {{"b", 9}}},
+        // The first request fires at once; the next within the interval fires at the first + interval, later
+        // requests while it is pending change nothing but the block, and after that firing the interval is
+        // measured from it again.
+        {"throttle",
+         OAKTimerBehaviorThrottle,
+         {{0, 3, "a"}, {0.5, 3, "b"}, {1, 3, "c"}, {4, 3, "d"}},
+         {{"a", 0}, {"c", 3}, {"d", 6}}},
+        // A request that waited on its busy queue longer than its interval fires as soon as the queue is
+        // free; one that waited less fires when its interval, counted from the request, is up.
+        {"waited longer", OAKTimerBehaviorDelay, {{0, 1.5, "a"}}, {{"a", 2}}, 2},
+        {"waited longer, coalesced", OAKTimerBehaviorCoalesce, {{0, 1.5, "a"}}, {{"a", 2}}, 2},
+        {"waited shorter", OAKTimerBehaviorDelay, {{0, 3, "a"}}, {{"a", 3}}, 2},
     };
-    struct Run {
-        Queue queue;
-        std::vector<double> requestTimes;
-        std::atomic<double> busyEnded = 0;
-        std::mutex mutex;
-        std::vector<Firing> firings;
-    };
-    std::vector<std::unique_ptr<Run>> runs;
-    struct Step {
-        double at;
-        size_t scenario;
-        size_t request;
-    };
-    std::vector<Step> steps;
-    for (size_t index = 0; index < scenarios.size(); ++index) {
-        auto run = std::make_unique<Run>();
-        run->queue = OAKDispatchQueue::dispatchQueueWithLabel(QString::fromUtf8(scenarios[index].name));
-        run->requestTimes.resize(scenarios[index].requests.size());
-        runs.push_back(std::move(run));
-        for (size_t request = 0; request < scenarios[index].requests.size(); ++request)
-            steps.push_back(Step{scenarios[index].requests[request].at, index, request});
-    }
-    std::stable_sort(steps.begin(), steps.end(), [](const Step& x, const Step& y) { return x.at < y.at; });
-
-    const double start = OAKDispatchQueue::_now();
-    for (size_t index = 0; index < scenarios.size(); ++index) {
-        if (scenarios[index].blockQueueFor > 0)
-            runs[index]->queue->dispatchAsynchronously(
-                [seconds = scenarios[index].blockQueueFor, run = runs[index].get()] {
-                    sleepSeconds(seconds);
-                    run->busyEnded = OAKDispatchQueue::_now();
-                });
-    }
-    for (const Step& step : steps) {
-        const double wait = start + step.at - OAKDispatchQueue::_now();
-        if (wait > 0)
-            sleepSeconds(wait);
-        Run& run = *runs[step.scenario];
-        const TimerRequest& request = scenarios[step.scenario].requests[step.request];
-        run.requestTimes[step.request] = OAKDispatchQueue::_now();
-        run.queue->scheduleTimerWithName(QStringLiteral("timer"), request.interval,
-                                         scenarios[step.scenario].behavior,
-                                         [&run, tag = QString::fromUtf8(request.tag)] {
-                                             std::lock_guard lock(run.mutex);
-                                             run.firings.push_back(Firing{tag, OAKDispatchQueue::_now()});
-                                         });
-    }
-    // Wait past the last expected firing, so that an extra firing would be seen too.
-    sleepSeconds(std::max(0.0, start + lastFiring + 1.0 - OAKDispatchQueue::_now()));
-    for (size_t index = 0; index < scenarios.size(); ++index) {
-        const TimerScenario& scenario = scenarios[index];
-        Run& run = *runs[index];
+    for (const TimerScenario& scenario : scenarios) {
         SCOPED_TRACE(scenario.name);
-        EXPECT_TRUE(waitUntil([&] { return run.queue->timerCount() == 0; }));
-        std::lock_guard lock(run.mutex);
-        ASSERT_EQ(run.firings.size(), scenario.firings.size());
-        for (size_t firing = 0; firing < scenario.firings.size(); ++firing) {
-            const ExpectedFiring& expected = scenario.firings[firing];
-            const double anchor = expected.anchorRequest < 0
-                                      ? run.busyEnded.load()
-                                      : run.requestTimes[size_t(expected.anchorRequest)];
-            const double due = anchor + expected.offset;
-            EXPECT_EQ(run.firings[firing].tag, QString::fromUtf8(expected.tag)) << firing;
-            // Never early; late by at most a generous margin, still short of the wrong behaviours' times.
-            EXPECT_GE(run.firings[firing].at, due - 0.02) << firing;
-            EXPECT_LE(run.firings[firing].at, due + 0.9) << firing;
+        ManualClock clock;
+        Queue queue = OAKDispatchQueue::dispatchQueueWithLabel(QString::fromUtf8(scenario.name));
+        std::mutex mutex;
+        std::vector<std::pair<QString, double>> fired;
+        std::binary_semaphore busy{0};
+        if (scenario.queueBusyUntil > 0)
+            queue->dispatchAsynchronously([&] { busy.acquire(); });
+        // Steps of a quarter second: every time in the scenarios is a multiple of it, so each firing is
+        // seen at its exact due time and never before.
+        std::size_t next = 0;
+        for (double at = 0; at <= 10; at += 0.25) {
+            clock.advanceTo(at);
+            if (scenario.queueBusyUntil > 0 && at == scenario.queueBusyUntil)
+                busy.release();
+            for (; next < scenario.requests.size() && scenario.requests[next].at == at; ++next) {
+                const TimerRequest& request = scenario.requests[next];
+                queue->scheduleTimerWithName(QStringLiteral("timer"), request.interval, scenario.behavior,
+                                             [&, tag = QString::fromUtf8(request.tag)] {
+                                                 std::lock_guard lock(mutex);
+                                                 fired.emplace_back(tag, clock.elapsed());
+                                             });
+            }
+            // Let the queue take its requests, the timer thread post what is due now, and the queue run it.
+            if (scenario.queueBusyUntil <= at) {
+                queue->dispatchSynchronously([] {});
+                OAKTimerClock::advance(0);
+                queue->dispatchSynchronously([] {});
+            }
         }
+        EXPECT_EQ(queue->timerCount(), 0u);
+        std::vector<std::pair<QString, double>> expected;
+        for (const ExpectedFiring& firing : scenario.firings)
+            expected.emplace_back(QString::fromUtf8(firing.tag), firing.at);
+        std::lock_guard lock(mutex);
+        EXPECT_EQ(fired, expected);
     }
 }
 
-TEST(OAKDispatchQueue, TimersCoalesceDelayAndThrottleRequestsAndCountTheWaitOnTheirQueue) {
-    runTimerScenarios(
-        {
-            // The earliest due time wins; the block of the latest request is the one that runs.
-            {"coalesce", OAKTimerBehaviorCoalesce, {{0, 5, "a"}, {1, 5, "b"}}, {{"b", 0, 5}}},
-            {"coalesce sooner", OAKTimerBehaviorCoalesce, {{0, 5, "a"}, {1, 1, "b"}}, {{"b", 1, 1}}},
-            {"delay", OAKTimerBehaviorDelay, {{0, 5, "a"}, {4, 5, "b"}}, {{"b", 1, 5}}},
-            // The first request fires at once; the next within the interval fires at the first + interval,
-            // later requests while it is pending change nothing, and after that firing the interval is
-            // measured from it again.
-            {"throttle",
-             OAKTimerBehaviorThrottle,
-             {{0, 3, "a"}, {0.5, 3, "b"}, {1, 3, "c"}, {4, 3, "d"}},
-             {{"a", 0, 0}, {"c", 0, 3}, {"d", 0, 6}}},
-            // The queue is busy for 2 s: a 1.5 s request has waited longer than its interval and fires as
-            // soon as the queue is free (measured from then: on a loaded machine the request itself may be
-            // made a little after the queue became busy).
-            {"waited longer", OAKTimerBehaviorDelay, {{0, 1.5, "a"}}, {{"a", -1, 0}}, 2},
-            {"waited longer, coalesced", OAKTimerBehaviorCoalesce, {{0, 1.5, "a"}}, {{"a", -1, 0}}, 2},
-            // A 3 s request that waited 2 s fires 1 s after reaching the queue.
-            {"waited shorter", OAKTimerBehaviorDelay, {{0, 3, "a"}}, {{"a", 0, 3}}, 2},
-        },
-        9);
+TEST(OAKDispatchQueue, TimersOnAConcurrentQueueRunTheirStepsOneAtATime) {
+    // Many threads schedule, reschedule and cancel timers of one concurrent queue at once, and the timers
+    // fire meanwhile: the table must come out whole, every timer firing once and the count back at zero.
+    Queue queue = OAKDispatchQueue::dispatchQueueWithGCDQueue(OAKQueue::createConcurrentQueue("timers"),
+                                                              OAKDeadlockBehaviorBlock);
+    constexpr int threads = 4, timersPerThread = 2000;
+    std::atomic<int> fired = 0;
+    std::vector<std::thread> schedulers;
+    for (int thread = 0; thread < threads; ++thread) {
+        schedulers.emplace_back([&, thread] {
+            for (int index = 0; index < timersPerThread; ++index) {
+                const QString name = QStringLiteral("timer-%1-%2").arg(thread).arg(index);
+                queue->scheduleTimerWithName(name, 0.5, OAKTimerBehaviorDelay, [&] { ++fired; });
+                queue->cancelTimerWithName(name);
+                queue->scheduleTimerWithName(name, 0.001 * (index % 5), OAKTimerBehaviorCoalesce,
+                                             [&] { ++fired; });
+            }
+        });
+    }
+    for (auto& thread : schedulers)
+        thread.join();
+    EXPECT_TRUE(waitUntil([&] { return fired.load() == threads * timersPerThread; }))
+        << fired.load() << " of " << threads * timersPerThread;
+    EXPECT_TRUE(waitUntil([&] { return queue->timerCount() == 0; })) << queue->timerCount();
+    sleepSeconds(0.6);
+    EXPECT_EQ(fired.load(), threads * timersPerThread);
 }
 
 double processCpuSeconds() {
