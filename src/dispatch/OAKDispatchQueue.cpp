@@ -181,7 +181,8 @@ QString OAKDispatchQueue::labelByPrependingBundleIdentifierToString(const QStrin
 }
 
 std::shared_ptr<OAKDispatchQueue> OAKDispatchQueue::globalDispatchQueue() {
-    // The shared instances live for the whole process and are deliberately never freed.
+    // The shared instances live for the whole process and are never freed: code running in static
+    // destructors at exit may still dispatch onto them.
     static auto* const instance = [] {
         auto queue = OAKQueue::globalQueue();
         const QString label = queue->label().isEmpty() ? QStringLiteral("unlabeled") : queue->label();

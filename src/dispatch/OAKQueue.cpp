@@ -617,7 +617,7 @@ std::shared_ptr<OAKQueue> OAKQueue::createConcurrentQueue(const QString& label) 
 }
 
 std::shared_ptr<OAKQueue> OAKQueue::mainQueue() {
-    // Lives for the whole process, deliberately never freed.
+    // Lives for the whole process and is never freed: static destructors may still dispatch onto it at exit.
     static auto* const queue = new std::shared_ptr<OAKQueue>(new OAKQueue(
         Kind::Serial, QStringLiteral("org.quillon.Quillon.main-thread"), &runtime().mainExecutor(), true));
     return *queue;

@@ -14,7 +14,7 @@ struct OAKStoreWatcher::Private {
         std::set<Token> tokens;
     };
 
-    mutable std::mutex mutex;
+    std::mutex mutex;
     Token nextToken = 1;
     std::map<Token, std::shared_ptr<const Handler>> handlers;
     std::map<Token, std::set<QString>> foldersByToken;
@@ -121,14 +121,6 @@ void OAKStoreWatcher::setWatchedFolders(Token token, const QStringList& folders)
         found->second.tokens.insert(token);
         d->foldersByToken[token].insert(folder);
     }
-}
-
-QStringList OAKStoreWatcher::watchedFolders(Token token) const {
-    std::lock_guard lock(d->mutex);
-    QStringList result;
-    if (auto found = d->foldersByToken.find(token); found != d->foldersByToken.end())
-        result = QStringList(found->second.begin(), found->second.end());
-    return result;
 }
 
 void OAKStoreWatcher::unregisterHandler(Token token) {

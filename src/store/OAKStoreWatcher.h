@@ -11,8 +11,8 @@
 // A watched folder stays watched for as long as a store asks for it, whatever happens to it on disk: a
 // folder that is deleted and recreated, moved away and back or replaced by another, that does not exist yet,
 // or that could not be watched (the watch limit) is polled until it can be watched again, and its return
-// is reported. So what a store asked for is what is watched, and a store only compares its wish with the
-// watcher's.
+// is reported. So the folders a store last asked for are the folders really watched (or polled until they
+// can be), and the store compares what it wants with that list alone.
 #pragma once
 
 #include <QString>
@@ -36,8 +36,6 @@ public:
     Token registerHandler(Handler handler);
     // Replaces the folders watched for `token`. A folder that cannot be watched now is polled until it can.
     void setWatchedFolders(Token token, const QStringList& folders);
-    // The folders watched for `token`, sorted.
-    QStringList watchedFolders(Token token) const;
     // Stops the token's reports. A report that was already on its way may still reach the handler after this
     // returns: a handler checks its own state before it acts (the store does, under its report lock).
     void unregisterHandler(Token token);

@@ -6,7 +6,6 @@
 #include "fileobserver/NBFileObserver.h"
 #include "foundation/testing/NBMessageCapture.h"
 #include "foundation/testing/NBTemporaryDirectory.h"
-#include "store/OAKStoreWatcher.h"
 
 #include <gtest/gtest.h>
 
@@ -95,59 +94,6 @@ TEST_F(OAKStoreWatcherTest, ForeignFolderKeepsBeingWatchedWhateverHappensToIt) {
         }
         reader->tearDownNow();
     }
-}
-
-TEST_F(OAKStoreWatcherTest, WatcherReportsEachWantedFolderToEveryStoreThatWantsIt) {
-    NBTemporaryDirectory directory;
-    const QString present = directory.filePath(QStringLiteral("present"));
-    const QString later = directory.filePath(QStringLiteral("later"));
-    QDir().mkpath(present);
-    OAKStoreWatcher& watcher = OAKStoreWatcher::shared();
-    struct Reports {
-        std::mutex mutex;
-        QStringList paths;
-        QStringList taken() {
-            std::lock_guard lock(mutex);
-            QStringList result = paths;
-            result.sort();
-            return result;
-        }
-    };
-    auto first = std::make_shared<Reports>(), second = std::make_shared<Reports>();
-    auto handler = [](const std::shared_ptr<Reports>& reports) {
-        return [reports](const QStringList& paths) {
-            std::lock_guard lock(reports->mutex);
-            reports->paths << paths;
-        };
-    };
-    const auto firstToken = watcher.registerHandler(handler(first));
-    const auto secondToken = watcher.registerHandler(handler(second));
-    watcher.setWatchedFolders(firstToken, {present, later});
-    watcher.setWatchedFolders(secondToken, {present});
-    EXPECT_EQ(watcher.watchedFolders(firstToken), (QStringList{later, present}));
-
-    // Both hear of the shared folder; a folder that did not exist yet is reported once it appears.
-    ASSERT_TRUE(writeFile(present + QStringLiteral("/logs.db"), "rows"));
-    ASSERT_TRUE(writeFile(later + QStringLiteral("/logs.db"), "rows"));
-    EXPECT_TRUE(
-        waitFor([&] { return first->taken().contains(present) && first->taken().contains(later); }, 20))
-        << first->taken().join(u' ').toStdString();
-    EXPECT_TRUE(waitFor([&] { return second->taken().contains(present); }, 20));
-    EXPECT_FALSE(second->taken().contains(later));
-
-    // A store that lets go of a folder no longer hears of it; the other still does.
-    watcher.setWatchedFolders(firstToken, {later});
-    watcher.unregisterHandler(secondToken);
-    EXPECT_TRUE(watcher.watchedFolders(secondToken).isEmpty());
-    QThread::msleep(500);
-    const QStringList firstBefore = first->taken(), secondBefore = second->taken();
-    ASSERT_TRUE(writeFile(present + QStringLiteral("/logs.db"), "more rows"));
-    ASSERT_TRUE(writeFile(later + QStringLiteral("/logs.db"), "more rows"));
-    EXPECT_TRUE(waitFor([&] { return first->taken().count(later) > firstBefore.count(later); }, 20));
-    QThread::msleep(500);
-    EXPECT_EQ(first->taken().count(present), firstBefore.count(present));
-    EXPECT_EQ(second->taken(), secondBefore);
-    watcher.unregisterHandler(firstToken);
 }
 
 } // namespace
