@@ -1,6 +1,6 @@
 # The one place where Quillon finds its dependencies (all Debian 12 packages; see debian-packages.txt).
 find_package(Threads REQUIRED)
-find_package(Qt6 6.4 REQUIRED COMPONENTS Core Gui)
+find_package(Qt6 6.4 REQUIRED COMPONENTS Core Gui Widgets Test)
 find_package(SQLiteCpp REQUIRED)
 find_package(SQLite3 REQUIRED)
 find_package(PkgConfig REQUIRED)

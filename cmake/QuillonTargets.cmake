@@ -1,6 +1,7 @@
 # Helpers that declare Quillon's targets the same way everywhere:
 #   quillon_add_module(<module> DEPENDS ...)          static library quillon_<module> from src/<module>/*.cpp
-#   quillon_add_tests(<module> [DEPENDS ...] [GUI])   test program quillon_<module>_tests from tests/*.cpp
+#   quillon_add_tests(<module> [DEPENDS ...] [GUI] [MAIN <target>])   test program quillon_<module>_tests from
+#                                                     tests/*.cpp (MAIN: a test entry point of its own)
 #   quillon_add_benchmark(<name> SOURCES ... DEPENDS ...)  Google Benchmark program quillon_<name>_benchmark
 # Sources are gathered by folder (a module is its folder), so adding a file needs no edit here; the include
 # root is src/, so code includes "store/OAKStore.h".
@@ -22,14 +23,16 @@ function(quillon_add_module module)
 endfunction()
 
 function(quillon_add_tests module)
-    cmake_parse_arguments(ARG "GUI" "" "DEPENDS" ${ARGN})
+    cmake_parse_arguments(ARG "GUI" "MAIN" "DEPENDS" ${ARGN})
     set(target quillon_${module}_tests)
     file(GLOB sources CONFIGURE_DEPENDS "${CMAKE_CURRENT_SOURCE_DIR}/tests/*.cpp" "${CMAKE_CURRENT_SOURCE_DIR}/tests/*.h")
     if(NOT sources MATCHES "\\.cpp")
         return()
     endif()
     add_executable(${target} ${sources})
-    if(ARG_GUI)
+    if(ARG_MAIN)
+        set(test_main ${ARG_MAIN})
+    elseif(ARG_GUI)
         set(test_main quillon_gui_test_main)
     else()
         set(test_main quillon_test_main)

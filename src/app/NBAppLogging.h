@@ -1,0 +1,6 @@
+// The logging category of the desktop program's widgets ("quillon.app").
+#pragma once
+
+#include <QLoggingCategory>
+
+Q_DECLARE_LOGGING_CATEGORY(lcApp)
