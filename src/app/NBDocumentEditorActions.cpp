@@ -219,6 +219,11 @@ std::optional<NBEditorSelection> NBDocumentEditor::insertParagraphsInModel(const
     const NBStyledString head = text.styledSubstringFromRange({0, at.offset});
     const NBStyledString tail = text.styledSubstringFromRange({at.offset, text.length()});
     const NBParagraph& first = pasted.first();
+    if (at.offset == 0 && !text.isEmpty() && !isText(first)) {
+        // A table or attachment pasted at the start of a paragraph goes before it, leaving it whole.
+        document_->insertParagraphs(pasted, current->uuid());
+        return NBEditorSelection{at, at};
+    }
     if (pasted.size() == 1 && isText(first)) {
         NBParagraph changed = text.isEmpty() ? paragraphWithKind(*current, first.kind()) : *current;
         if (text.isEmpty() && first.indentationLevel())

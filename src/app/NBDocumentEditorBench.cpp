@@ -170,8 +170,10 @@ void NBDocumentEditor::paintDecorations(QPainter& painter) {
         case NBParagraphKind::Note:
         case NBParagraphKind::Warning:
         case NBParagraphKind::Error: {
-            const qreal top = bounds.top() + block.blockFormat().topMargin();
-            const qreal bottom = bounds.bottom() - block.blockFormat().bottomMargin();
+            const QRectF lines =
+                block.layout()->boundingRect().translated(block.layout()->position()).translated(0, -scroll);
+            const qreal top = lines.top() - lineHeight * 0.2;
+            const qreal bottom = lines.bottom() + lineHeight * 0.2;
             const QColor accent = NBParagraphLook::calloutAccentColor(paragraph.kind());
             painter.fillRect(QRectF(blockLeft - lineHeight * 0.5 - 4, top, 4, bottom - top), accent);
             painter.setPen(accent);
@@ -200,8 +202,9 @@ void NBDocumentEditor::paintDecorations(QPainter& painter) {
         Hotspot::Action action = Hotspot::Action::StartTimer;
         if (timer && timer->state() != NBTimerState::Idle) {
             const bool expired = timer->isExpired(now);
-            const QString symbol = timer->state() == NBTimerState::Running  ? QStringLiteral("\u23F1")
-                                   : timer->state() == NBTimerState::Paused ? QStringLiteral("\u23F8")
+            // Symbols every common font has: a dot while running, bars while paused, a square once stopped.
+            const QString symbol = timer->state() == NBTimerState::Running  ? QStringLiteral("\u25CF")
+                                   : timer->state() == NBTimerState::Paused ? QStringLiteral("\u2016")
                                                                             : QStringLiteral("\u25A0");
             badge = QStringLiteral("%1 %2").arg(symbol, timer->displayString(now));
             badgeColor = expired ? QColor(0xC6, 0x28, 0x28)

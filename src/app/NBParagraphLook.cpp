@@ -182,14 +182,19 @@ QTextTableFormat NBParagraphLook::tableFormat(const NBParagraph& paragraph, int 
     QTextTableFormat format;
     format.setBorder(1);
     format.setBorderBrush(QColor(0xB0, 0xB6, 0xBE));
-    format.setBorderCollapse(true);
+    format.setBorderCollapse(false);
+    format.setBorderStyle(QTextFrameFormat::BorderStyle_Solid);
     format.setCellPadding(4);
     format.setCellSpacing(0);
     format.setLeftMargin(markerMargin_);
+    format.setRightMargin(QFontMetrics(baseFont_).height());
     format.setTopMargin(4);
     format.setBottomMargin(4);
     const std::optional<QList<qreal>> widths = paragraph.tableColumnWidths();
+    // Without known widths the table spans the page in equal columns, so empty cells can be clicked into.
+    format.setWidth(QTextLength(QTextLength::PercentageLength, 100));
     if (widths && widths->size() == columnCount) {
+        format.clearProperty(QTextFormat::FrameWidth);
         QList<QTextLength> constraints;
         for (qreal width : *widths)
             constraints << QTextLength(QTextLength::FixedLength, width);
