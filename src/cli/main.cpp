@@ -1,6 +1,7 @@
 // The `quillon` command line: parses the arguments and hands each subcommand to the libraries.
 #include "cli/DocCommand.h"
 #include "cli/EditCommand.h"
+#include "cli/LibraryCommand.h"
 #include "cli/StoreCommand.h"
 
 #include <CLI/CLI.hpp>
@@ -26,6 +27,7 @@ int main(int argc, char** argv) {
     addStoreCommand(app);
     addDocCommand(app);
     addEditCommand(app);
+    addLibraryCommands(app);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
