@@ -33,6 +33,7 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QLoggingCategory>
 
 #include <iostream>
 
@@ -59,6 +60,8 @@ QString libraryRoot(const std::string& path) {
 class OpenLibrary {
 public:
     explicit OpenLibrary(const std::string& path) {
+        // The library's progress notes are for logs, not for a script reading standard output or error.
+        QLoggingCategory::setFilterRules(QStringLiteral("quillon.library.info=false"));
         manager_ = NBLibraryManager::sharedManagerWithRootPath(libraryRoot(path));
         NBError error;
         if (!manager_ || !manager_->setUpWithError(&error)) {
