@@ -232,6 +232,10 @@ void NBBucket::awakeFromLibrarySetUp() {
         if (device != localDeviceIdentifier_)
             foreign << device;
     handleNewDeviceIdentifiers(foreign);
+    // This device's own rows too: services whose records are behind (or were deleted with the derived data)
+    // catch up at start, not only at the next edit.
+    if (const auto revisions = manager->revisionController())
+        revisions->processRevisionsForManifestRepresentations(localManifestRepresentation(), localDeviceIdentifier_);
     // Documents that the revision controller remembers as deleted but that no device's manifest keeps in the
     // trash any more were restored while this library was closed.
     if (const auto revisions = manager->revisionController()) {

@@ -241,6 +241,7 @@ void NBRevisionController::processRestorationOfDocumentWithUUID(
         // The operation queue forgets the deletion before the new revisions reach it (both hops keep order).
         operationQueue_->dispatchAsynchronously([this, self, documentUUID] {
             deletionOperations_.remove(documentUUID);
+            reachedTimestamps_.remove(documentUUID);
         });
         std::vector<std::shared_ptr<NBServiceOperation>> operations;
         const auto services = manager->servicesByName();
@@ -271,6 +272,7 @@ void NBRevisionController::forgetRecordsOfServiceWithName(const QString& service
         hasUnsavedRows_ = true;
         saveSoon();
     });
+    operationQueue_->dispatchSynchronously([this] { reachedTimestamps_.clear(); });
 }
 
 void NBRevisionController::recordSuccess(const QString& documentUUID, const QString& serviceName,
@@ -453,6 +455,11 @@ void NBRevisionController::_mergeQueuedOperations() {
         if (deleted || serviceName.isEmpty())
             continue;
         const QString key = operation->uniquingKey();
+        // A revision made from a record that a success was about to raise: the service is already there.
+        if (const auto reached = reachedTimestamps_.constFind(operation->documentUUID);
+            reached != reachedTimestamps_.constEnd() && reached->contains(key) &&
+            operation->targetTimestamp <= reached->value(key))
+            continue;
         OperationGroup& pending = pendingOperationGroups_[operation->documentUUID];
         if (const auto existing = pending.constFind(key); existing != pending.constEnd()) {
             NBServiceOperation& merged = **existing;
@@ -573,12 +580,12 @@ void NBRevisionController::_runPendingOperations() {
                             << nbFormat("ERROR: error processing document change:\n----- operations:\n%@\n----- "
                                         "error:\n%@",
                                         descriptions.join(QLatin1Char('\n')), error->description());
-                        finishOperations(documentUUID, operations);
+                        finishOperations(documentUUID, operations, {});
                         return;
                     }
                     databaseQueue_->dispatchAsynchronously([=, this] {
                         recordSuccess(documentUUID, serviceName, timestamps);
-                        finishOperations(documentUUID, operations);
+                        finishOperations(documentUUID, operations, timestamps);
                     });
                 });
         }
@@ -586,8 +593,14 @@ void NBRevisionController::_runPendingOperations() {
 }
 
 void NBRevisionController::finishOperations(const QString& documentUUID,
-                                            const QList<std::shared_ptr<NBServiceOperation>>& operations) {
-    operationQueue_->dispatchAsynchronously([this, self = shared_from_this(), documentUUID, operations] {
+                                            const QList<std::shared_ptr<NBServiceOperation>>& operations,
+                                            const std::map<QString, NBTimestamp>& reached) {
+    operationQueue_->dispatchAsynchronously([this, self = shared_from_this(), documentUUID, operations, reached] {
+        if (!operations.isEmpty())
+            for (const auto& [device, timestamp] : reached) {
+                const QString key = nbFormat("%@-%@-%@", operations.first()->serviceName(), documentUUID, device);
+                reachedTimestamps_[documentUUID][key] = std::max(reachedTimestamps_[documentUUID].value(key, timestamp), timestamp);
+            }
         if (auto group = runningOperationGroups_.find(documentUUID); group != runningOperationGroups_.end()) {
             for (const auto& operation : operations)
                 if (group->value(operation->uniquingKey()) == operation)

@@ -127,7 +127,8 @@ private:
     void _mergeQueuedOperations();
     void _runDeletionOperations();
     void _runPendingOperations();
-    void finishOperations(const QString& documentUUID, const QList<std::shared_ptr<NBServiceOperation>>& operations);
+    void finishOperations(const QString& documentUUID, const QList<std::shared_ptr<NBServiceOperation>>& operations,
+                          const std::map<QString, NBTimestamp>& reached);
     void signalProgress();
 
     std::shared_ptr<OAKDispatchQueue> databaseQueue_;
@@ -145,6 +146,9 @@ private:
     QHash<QString, OperationGroup> pendingOperationGroups_;
     QHash<QString, OperationGroup> runningOperationGroups_;
     QHash<QString, QHash<QString, std::shared_ptr<NBServiceOperation>>> deletionOperations_;
+    // Document -> (uniquing key -> timestamp a successful run brought that service to), the operation queue's
+    // view of records whose update on the database queue may still be on its way.
+    QHash<QString, QHash<QString, NBTimestamp>> reachedTimestamps_;
 
     mutable std::mutex deletedMutex_;
     QSet<QString> deletedDocumentUUIDs_;
