@@ -18,13 +18,13 @@
 // a library that cannot be set up prints the error to standard error and exits with status 1.
 #include "cli/LibraryCommand.h"
 
+#include "document/NBDocument.h"
+#include "foundation/NBPropertyList.h"
 #include "library/NBBucket.h"
 #include "library/NBDevice.h"
 #include "library/NBDocumentsController.h"
 #include "library/NBLibraryLock.h"
 #include "library/NBLibraryManager.h"
-#include "document/NBDocument.h"
-#include "foundation/NBPropertyList.h"
 
 #include <CLI/CLI.hpp>
 #include <QDir>
@@ -89,8 +89,9 @@ private:
 };
 
 QJsonObject bucketJSON(const NBBucket& bucket) {
-    return QJsonObject{{QStringLiteral("type"), bucket.bucketType() == kNBBucketTypeLocal ? QStringLiteral("local")
-                                                                                          : QStringLiteral("folder")},
+    return QJsonObject{{QStringLiteral("type"), bucket.bucketType() == kNBBucketTypeLocal
+                                                    ? QStringLiteral("local")
+                                                    : QStringLiteral("folder")},
                        {QStringLiteral("path"), bucket.absolutePath()},
                        {QStringLiteral("documents"), qint64(bucket.registeredDocumentCount())},
                        {QStringLiteral("devices"), QJsonArray::fromStringList(bucket.deviceIdentifiers())}};
@@ -131,8 +132,8 @@ QJsonValue jsonFromPropertyList(const QVariant& value) {
 
 // Info.plist as it is on disk, read without running the library.
 QVariantMap readInfo(const QString& root) {
-    QFile file(QDir(root).filePath(QStringLiteral("%1/%2").arg(QString::fromUtf8(kNBPersistentInfoDirectoryName),
-                                                               QString::fromUtf8(kNBLibraryInfoFileName))));
+    QFile file(QDir(root).filePath(QStringLiteral("%1/%2").arg(
+        QString::fromUtf8(kNBPersistentInfoDirectoryName), QString::fromUtf8(kNBLibraryInfoFileName))));
     if (!file.open(QIODevice::ReadOnly))
         failCommand(QStringLiteral("no library at path %1 (%2)").arg(root, file.errorString()));
     NBError error;
@@ -144,9 +145,10 @@ QVariantMap readInfo(const QString& root) {
 }
 
 QStringList bucketPaths(const QString& root, const QVariantMap& info) {
-    QStringList paths{QDir(root).filePath(QStringLiteral("%1/%2").arg(QString::fromUtf8(kNBLocalDocumentsDirectoryName),
-                                                                      QString::fromUtf8(kNBLocalBucketRelativePath)))};
-    for (const QVariant& folder : info.value(QString::fromUtf8(kNBLibraryInfoSynchronisedFoldersKey)).toList())
+    QStringList paths{QDir(root).filePath(QStringLiteral("%1/%2").arg(
+        QString::fromUtf8(kNBLocalDocumentsDirectoryName), QString::fromUtf8(kNBLocalBucketRelativePath)))};
+    for (const QVariant& folder :
+         info.value(QString::fromUtf8(kNBLibraryInfoSynchronisedFoldersKey)).toList())
         paths << folder.toString();
     return paths;
 }
@@ -164,7 +166,8 @@ void runInfo(const std::string& library) {
     const QVariantMap info = readInfo(root);
     QJsonObject object{{QStringLiteral("root"), root}};
     for (auto entry = info.cbegin(); entry != info.cend(); ++entry)
-        object.insert(entry.key().left(1).toLower() + entry.key().mid(1), jsonFromPropertyList(entry.value()));
+        object.insert(entry.key().left(1).toLower() + entry.key().mid(1),
+                      jsonFromPropertyList(entry.value()));
     const QString holder = NBLibraryLock::holderOfDirectory(
         QDir(root).filePath(QString::fromUtf8(kNBPersistentInfoDirectoryName)));
     object.insert(QStringLiteral("openIn"), holder.isEmpty() ? QJsonValue() : QJsonValue(holder));
@@ -176,7 +179,8 @@ void runFolder(const std::string& library, const std::string& folder, bool add) 
     NBError error;
     const auto documents = manager->documentsController();
     const QString path = QString::fromStdString(folder);
-    if (!(add ? documents->addSynchronisedFolder(path, &error) : documents->removeSynchronisedFolder(path, &error)))
+    if (!(add ? documents->addSynchronisedFolder(path, &error)
+              : documents->removeSynchronisedFolder(path, &error)))
         failCommand(error.localizedDescription());
     printJSON(QJsonObject{{QStringLiteral("root"), manager->rootPath()},
                           {QStringLiteral("buckets"), bucketsJSON(*manager)}});
@@ -188,7 +192,8 @@ void runDevices(const std::string& library) {
     for (const QString& bucketPath : bucketPaths(root, readInfo(root))) {
         QJsonArray devices;
         const QDir infoDirectory(QDir(bucketPath).filePath(QString::fromUtf8(kNBBucketInfoDirectoryName)));
-        for (const QString& name : infoDirectory.entryList({QStringLiteral("*.plist")}, QDir::Files, QDir::Name))
+        for (const QString& name :
+             infoDirectory.entryList({QStringLiteral("*.plist")}, QDir::Files, QDir::Name))
             if (const auto device = NBDevice::deviceInfoWithContentsOfFile(infoDirectory.filePath(name)))
                 devices << jsonFromPropertyList(device->dictionaryRepresentation());
         buckets << QJsonObject{{QStringLiteral("path"), bucketPath}, {QStringLiteral("devices"), devices}};
@@ -196,8 +201,8 @@ void runDevices(const std::string& library) {
     printJSON(buckets);
 }
 
-void runNew(const std::string& library, const std::string& kind, const std::string& title, const std::string& author,
-            const std::string& folder) {
+void runNew(const std::string& library, const std::string& kind, const std::string& title,
+            const std::string& author, const std::string& folder) {
     if (kind != "experiment" && kind != "protocol")
         failCommand(QStringLiteral("not a kind of document (experiment or protocol): \"%1\"")
                         .arg(QString::fromStdString(kind)));
@@ -207,16 +212,18 @@ void runNew(const std::string& library, const std::string& kind, const std::stri
     if (!folder.empty()) {
         bucket = documents->bucketWithAbsolutePath(QString::fromStdString(folder));
         if (!bucket)
-            failCommand(QStringLiteral("not a synchronised folder of the library: %1 (add it with `quillon library "
-                                       "add-folder`)")
-                            .arg(NBLibraryManager::standardizedPath(QString::fromStdString(folder))));
+            failCommand(
+                QStringLiteral("not a synchronised folder of the library: %1 (add it with `quillon library "
+                               "add-folder`)")
+                    .arg(NBLibraryManager::standardizedPath(QString::fromStdString(folder))));
     }
     NBError error;
-    const auto document = kind == "experiment"
-                              ? documents->newExperimentWithTitle(QString::fromStdString(title),
-                                                                  QString::fromStdString(author), bucket, &error)
-                              : documents->newProtocolWithTitle(QString::fromStdString(title),
-                                                                QString::fromStdString(author), bucket, &error);
+    const auto document =
+        kind == "experiment"
+            ? documents->newExperimentWithTitle(QString::fromStdString(title), QString::fromStdString(author),
+                                                bucket, &error)
+            : documents->newProtocolWithTitle(QString::fromStdString(title), QString::fromStdString(author),
+                                              bucket, &error);
     if (!document)
         failCommand(error.localizedDescription());
     const QString uuid = document->uuid();
@@ -233,7 +240,8 @@ void runTrash(const std::string& library, const std::string& uuidText, bool remo
     const QString uuid = QString::fromStdString(uuidText).toUpper();
     NBError error;
     const auto documents = manager->documentsController();
-    if (!(remove ? documents->deleteDocumentWithUUID(uuid, &error) : documents->restoreDocumentWithUUID(uuid, &error)))
+    if (!(remove ? documents->deleteDocumentWithUUID(uuid, &error)
+                 : documents->restoreDocumentWithUUID(uuid, &error)))
         failCommand(error.localizedDescription());
     manager.close();
     printJSON(QJsonObject{{QStringLiteral("uuid"), uuid}, {QStringLiteral("deleted"), remove}});
@@ -259,30 +267,36 @@ void addLibraryCommands(CLI::App& app) {
     };
     auto arguments = std::make_shared<Arguments>();
     auto withLibrary = [arguments](CLI::App* command) {
-        command->add_option("--library", arguments->library, "The library's root folder (default: ~/Documents/Quillon)");
+        command->add_option("--library", arguments->library,
+                            "The library's root folder (default: ~/Documents/Quillon)");
         return command;
     };
 
-    CLI::App* library = app.add_subcommand("library", "Set up and inspect a library and its synchronised folders.");
+    CLI::App* library =
+        app.add_subcommand("library", "Set up and inspect a library and its synchronised folders.");
     library->require_subcommand(1);
     withLibrary(library->add_subcommand("init", "Set the library up, creating it when new."))
         ->callback([arguments] { runInit(arguments->library); });
     withLibrary(library->add_subcommand("info", "Print the library's information (read-only)."))
         ->callback([arguments] { runInfo(arguments->library); });
-    CLI::App* add = withLibrary(library->add_subcommand("add-folder", "Share documents through a synchronised folder."));
+    CLI::App* add =
+        withLibrary(library->add_subcommand("add-folder", "Share documents through a synchronised folder."));
     add->add_option("path", arguments->folder, "The folder")->required();
     add->callback([arguments] { runFolder(arguments->library, arguments->folder, true); });
-    CLI::App* remove = withLibrary(library->add_subcommand("remove-folder", "Stop using a synchronised folder."));
+    CLI::App* remove =
+        withLibrary(library->add_subcommand("remove-folder", "Stop using a synchronised folder."));
     remove->add_option("path", arguments->folder, "The folder")->required();
     remove->callback([arguments] { runFolder(arguments->library, arguments->folder, false); });
     withLibrary(library->add_subcommand("devices", "Print the devices of every bucket (read-only)."))
         ->callback([arguments] { runDevices(arguments->library); });
 
-    CLI::App* create = withLibrary(app.add_subcommand("new", "Create an experiment or a protocol in the library."));
+    CLI::App* create =
+        withLibrary(app.add_subcommand("new", "Create an experiment or a protocol in the library."));
     create->add_option("kind", arguments->kind, "experiment or protocol")->required();
     create->add_option("--title", arguments->title, "The title")->required();
     create->add_option("--author", arguments->author, "The author (default: the library's owner)");
-    create->add_option("--folder", arguments->folder, "A synchronised folder of the library (default: local)");
+    create->add_option("--folder", arguments->folder,
+                       "A synchronised folder of the library (default: local)");
     create->callback([arguments] {
         runNew(arguments->library, arguments->kind, arguments->title, arguments->author, arguments->folder);
     });
@@ -292,6 +306,7 @@ void addLibraryCommands(CLI::App& app) {
     CLI::App* restore = withLibrary(app.add_subcommand("restore", "Take a document out of the trash."));
     restore->add_option("uuid", arguments->uuid, "The document's UUID")->required();
     restore->callback([arguments] { runTrash(arguments->library, arguments->uuid, false); });
-    withLibrary(app.add_subcommand("sync", "Read the other devices' changes now and update the derived data."))
+    withLibrary(
+        app.add_subcommand("sync", "Read the other devices' changes now and update the derived data."))
         ->callback([arguments] { runSync(arguments->library); });
 }

@@ -7,19 +7,22 @@
 Q_LOGGING_CATEGORY(lcLibrary, "quillon.library")
 
 NBAbstractController::NBAbstractController() {
-    nbRaiseAssertion(lcLibrary(), QStringLiteral("Instances of NBAbstractController subclasses should be created "
-                                                 "using the class method `+controllerWithLibraryManager:`"));
+    nbRaiseAssertion(lcLibrary(),
+                     QStringLiteral("Instances of NBAbstractController subclasses should be created "
+                                    "using the class method `+controllerWithLibraryManager:`"));
 }
 
-NBAbstractController::NBAbstractController(ConstructionToken, const std::shared_ptr<NBLibraryManager>& manager)
+NBAbstractController::NBAbstractController(ConstructionToken,
+                                           const std::shared_ptr<NBLibraryManager>& manager)
     : libraryManager_(manager) {}
 
 NBAbstractController::~NBAbstractController() = default;
 
 void NBAbstractController::raiseAbstractClassAssertion() {
-    nbRaiseAssertion(lcLibrary(),
-                     QStringLiteral("NBAbstractController is an abstract class: instances should be created using "
-                                    "the class method `+controllerWithLibraryManager:` on one of the subclasses"));
+    nbRaiseAssertion(
+        lcLibrary(),
+        QStringLiteral("NBAbstractController is an abstract class: instances should be created using "
+                       "the class method `+controllerWithLibraryManager:` on one of the subclasses"));
 }
 
 std::optional<NBError> NBAbstractController::setUpAndReturnError() {
@@ -79,7 +82,8 @@ void NBAbstractController::processChangeSinceTimestamp(NBTimestamp, const std::s
         completionHandler(std::nullopt);
 }
 
-void NBAbstractController::processDeletionOfDocumentWithUUID(const QString&, NBErrorHandler completionHandler) {
+void NBAbstractController::processDeletionOfDocumentWithUUID(const QString&,
+                                                             NBErrorHandler completionHandler) {
     if (completionHandler)
         completionHandler(std::nullopt);
 }

@@ -42,7 +42,8 @@ public:
     // The only way to make a controller. Asked for NBAbstractController itself it raises the assertion
     // "NBAbstractController is an abstract class: ..." and returns nothing.
     template <typename Kind>
-    static std::shared_ptr<Kind> controllerWithLibraryManager(const std::shared_ptr<NBLibraryManager>& manager) {
+    static std::shared_ptr<Kind>
+    controllerWithLibraryManager(const std::shared_ptr<NBLibraryManager>& manager) {
         static_assert(std::is_base_of_v<NBAbstractController, Kind>);
         if constexpr (std::is_same_v<Kind, NBAbstractController>) {
             raiseAbstractClassAssertion();
@@ -78,9 +79,11 @@ public:
     virtual void awakeFromLibrarySetUp() {}
     virtual void waitUntilFinished() {}
     virtual QString serviceName() const { return QString(); }
-    virtual void processChangeSinceTimestamp(NBTimestamp timestamp, const std::shared_ptr<NBDocument>& document,
+    virtual void processChangeSinceTimestamp(NBTimestamp timestamp,
+                                             const std::shared_ptr<NBDocument>& document,
                                              NBErrorHandler completionHandler);
-    virtual void processDeletionOfDocumentWithUUID(const QString& documentUUID, NBErrorHandler completionHandler);
+    virtual void processDeletionOfDocumentWithUUID(const QString& documentUUID,
+                                                   NBErrorHandler completionHandler);
 
 private:
     static void raiseAbstractClassAssertion();

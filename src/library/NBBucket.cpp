@@ -95,7 +95,8 @@ bool copyTree(const QString& source, const QString& destination) {
 
 // MARK: - Making and life cycle
 
-std::shared_ptr<NBBucket> NBBucket::bucketWithType(int bucketType, const std::shared_ptr<NBLibraryManager>& manager,
+std::shared_ptr<NBBucket> NBBucket::bucketWithType(int bucketType,
+                                                   const std::shared_ptr<NBLibraryManager>& manager,
                                                    const QString& absolutePath, const QString& relativePath) {
     if (bucketType != kNBBucketTypeLocal && bucketType != kNBBucketTypeSynchronisedFolder)
         return nullptr;
@@ -105,10 +106,12 @@ std::shared_ptr<NBBucket> NBBucket::bucketWithType(int bucketType, const std::sh
         if (const auto keeper = manager->fileKeeper()) {
             const bool granted = keeper->startAccessingDirectoryAtPath(
                 absolutePath, QStringLiteral("Access Documents"),
-                nbFormat("Quillon needs access to the experiments and protocols stored in the folder at path: %@",
-                         absolutePath));
+                nbFormat(
+                    "Quillon needs access to the experiments and protocols stored in the folder at path: %@",
+                    absolutePath));
             if (!granted) {
-                qCWarning(lcLibrary).noquote() << nbFormat("Could not access bucket at path %@", absolutePath);
+                qCWarning(lcLibrary).noquote()
+                    << nbFormat("Could not access bucket at path %@", absolutePath);
                 return nullptr;
             }
         }
@@ -141,8 +144,9 @@ bool NBBucket::checkQueue(const std::shared_ptr<OAKDispatchQueue>& queue, const 
                           const char* method) const {
     if (queue && queue->isInCurrentQueueStack())
         return true;
-    qCWarning(lcLibrary).noquote() << nbFormat("%@:%@ should only be called from within the %@ queue", className(),
-                                               QString::fromUtf8(method), QString::fromUtf8(queueName));
+    qCWarning(lcLibrary).noquote() << nbFormat("%@:%@ should only be called from within the %@ queue",
+                                               className(), QString::fromUtf8(method),
+                                               QString::fromUtf8(queueName));
     return false;
 }
 
@@ -156,7 +160,8 @@ bool NBBucket::setUpWithError(NBError* outError) {
         deviceIdentifiers_ = listDeviceDirectories();
     }
     cacheQueue_->dispatchSynchronously([&] {
-        for (const QString& directory : {experimentsDirectory(), protocolsDirectory(), manifestsDirectory()}) {
+        for (const QString& directory :
+             {experimentsDirectory(), protocolsDirectory(), manifestsDirectory()}) {
             if (!QDir().mkpath(directory)) {
                 qCWarning(lcLibrary).noquote()
                     << nbFormat("Could not create directory at path '%@' because of error: %@", directory,
@@ -215,17 +220,17 @@ void NBBucket::awakeFromLibrarySetUp() {
     if (!manager)
         return;
     awake_ = true;
-    ownerObserver_ = NBScopedObserver(
-        NBNotificationCenter::defaultCenter(),
-        NBNotificationCenter::defaultCenter().addObserverForName(
-            QString::fromUtf8(kNBLibraryOwnerDidChangeNotification), manager.get(),
-            [weak = std::weak_ptr<NBBucket>(sharedBucket())](const NBNotification&) {
-                if (auto bucket = weak.lock())
-                    bucket->refreshInfoPlist();
-            }));
+    ownerObserver_ =
+        NBScopedObserver(NBNotificationCenter::defaultCenter(),
+                         NBNotificationCenter::defaultCenter().addObserverForName(
+                             QString::fromUtf8(kNBLibraryOwnerDidChangeNotification), manager.get(),
+                             [weak = std::weak_ptr<NBBucket>(sharedBucket())](const NBNotification&) {
+                                 if (auto bucket = weak.lock())
+                                     bucket->refreshInfoPlist();
+                             }));
     refreshInfoPlist();
-    NBFileSystemEventCenter::defaultCenter().addObserver(sharedBucket(), &NBBucket::deviceInfoDirectoryDidChange,
-                                                         deviceInfoDirectory());
+    NBFileSystemEventCenter::defaultCenter().addObserver(
+        sharedBucket(), &NBBucket::deviceInfoDirectoryDidChange, deviceInfoDirectory());
     scanDeviceInfoDirectory();
     QStringList foreign;
     for (const QString& device : deviceIdentifiers())
@@ -235,7 +240,8 @@ void NBBucket::awakeFromLibrarySetUp() {
     // This device's own rows too: services whose records are behind (or were deleted with the derived data)
     // catch up at start, not only at the next edit.
     if (const auto revisions = manager->revisionController())
-        revisions->processRevisionsForManifestRepresentations(localManifestRepresentation(), localDeviceIdentifier_);
+        revisions->processRevisionsForManifestRepresentations(localManifestRepresentation(),
+                                                              localDeviceIdentifier_);
     // Documents that the revision controller remembers as deleted but that no device's manifest keeps in the
     // trash any more were restored while this library was closed.
     if (const auto revisions = manager->revisionController()) {
@@ -266,9 +272,9 @@ void NBBucket::handleNewDeviceIdentifiers(const QStringList& deviceIdentifiers) 
         if (const auto rows = NBManifestDatabase::rowsOfDatabaseAtPath(path, &error)) {
             processManifestChangeWithDeviceIdentifier(device);
         } else if (QFileInfo::exists(path)) {
-            qCWarning(lcLibrary).noquote()
-                << nbFormat("Could not create context for foreign manifest database at path '%@' because of error: %@",
-                            path, error.localizedDescription());
+            qCWarning(lcLibrary).noquote() << nbFormat(
+                "Could not create context for foreign manifest database at path '%@' because of error: %@",
+                path, error.localizedDescription());
         }
         startObservingForeignManifestDatabaseWithDeviceIdentifier(device);
     }
@@ -452,8 +458,8 @@ QHash<QString, QString> NBBucket::_existingDocumentPathsByFilenameWithError(NBEr
             const QStringList names = entryNames(folder, &listed);
             if (!listed) {
                 if (QFileInfo::exists(folder)) {
-                    const QString message = nbFormat("ERROR: cannot list contents of bucket directory at path %@",
-                                                     folder);
+                    const QString message =
+                        nbFormat("ERROR: cannot list contents of bucket directory at path %@", folder);
                     qCWarning(lcLibrary).noquote() << message;
                     nbFail(outError, NBError::errorWithObject("NBBucket", 1, message));
                 }
@@ -470,8 +476,8 @@ QHash<QString, QString> NBBucket::_existingDocumentPathsByFilenameWithError(NBEr
                     // Devices are listed in sorted order, so the first path found stays: the same choice on
                     // every device.
                     qCWarning(lcLibrary).noquote()
-                        << nbFormat("There are multiple documents with filename %@, at path '%@' and '%@'", name,
-                                    *known, path);
+                        << nbFormat("There are multiple documents with filename %@, at path '%@' and '%@'",
+                                    name, *known, path);
                     continue;
                 }
                 pathsByFilename.insert(name, path);
@@ -507,7 +513,8 @@ std::shared_ptr<NBDocument> NBBucket::_openDocument(const QString& uuid) {
     if (path.isEmpty())
         return nullptr;
     NBError error;
-    std::shared_ptr<NBDocument> document = NBDocument::openDocumentAtPath(path, localDeviceIdentifier_, {}, &error);
+    std::shared_ptr<NBDocument> document =
+        NBDocument::openDocumentAtPath(path, localDeviceIdentifier_, {}, &error);
     if (!document)
         qCWarning(lcLibrary).noquote() << error.localizedDescription();
     return document;
@@ -554,8 +561,8 @@ void NBBucket::releasedDocumentWithUUID(const QString& uuid) {
             return;
         const unsigned count = activeDocumentRetainCounts_.value(uuid);
         if (count == 0) {
-            qCWarning(lcLibrary).noquote() << nbFormat("document has a retain count of 0 but is still registered: %@",
-                                                       uuid);
+            qCWarning(lcLibrary).noquote()
+                << nbFormat("document has a retain count of 0 but is still registered: %@", uuid);
             return;
         }
         if (count > 1) {
@@ -652,14 +659,12 @@ void NBBucket::startObservingDocument(const std::shared_ptr<NBDocument>& documen
         });
     };
     std::vector<NBScopedObserver> observers;
-    observers.emplace_back(center, center.addObserverForName(QString::fromUtf8(OAKStoreDidChangeNotification),
-                                                             document.get(), [handOn](const NBNotification& n) {
-                                                                 handOn(false, n.userInfo);
-                                                             }));
-    observers.emplace_back(center, center.addObserverForName(QString::fromUtf8(OAKStoreDidSyncNotification),
-                                                             document.get(), [handOn](const NBNotification& n) {
-                                                                 handOn(true, n.userInfo);
-                                                             }));
+    observers.emplace_back(
+        center, center.addObserverForName(QString::fromUtf8(OAKStoreDidChangeNotification), document.get(),
+                                          [handOn](const NBNotification& n) { handOn(false, n.userInfo); }));
+    observers.emplace_back(
+        center, center.addObserverForName(QString::fromUtf8(OAKStoreDidSyncNotification), document.get(),
+                                          [handOn](const NBNotification& n) { handOn(true, n.userInfo); }));
     documentObservers_[uuid] = std::move(observers);
 }
 
@@ -686,7 +691,8 @@ void NBBucket::_documentDidSync(const std::shared_ptr<NBDocument>& document, con
 
 // MARK: - Local manifest
 
-void NBBucket::refreshLocalManifestAndNotifyRevisionControllerForDocument(const std::shared_ptr<NBDocument>& document) {
+void NBBucket::refreshLocalManifestAndNotifyRevisionControllerForDocument(
+    const std::shared_ptr<NBDocument>& document) {
     if (!document)
         return;
     cacheQueue_->dispatchSynchronously([&] { _refreshLocalManifest(document); });
@@ -701,21 +707,22 @@ void NBBucket::_refreshLocalManifest(const std::shared_ptr<NBDocument>& document
         return;
     const NBTimestamp timestamp = document->mostRecentTimestampForDeviceIdentifier(device);
     const auto manager = libraryManager();
-    databaseQueue_->dispatchAsynchronously([this, self = shared_from_this(), manager, uuid, device, timestamp] {
-        auto row = manifestRows_.find(uuid);
-        if (row == manifestRows_.end()) {
-            row = manifestRows_.insert(uuid, NBManifestRow{uuid, timestamp, false, false});
-        } else if (row->timestamp < timestamp) {
-            // Never backwards: a deletion or restoration moment stays the newest fact until a newer edit.
-            row->timestamp = timestamp;
-        }
-        unsavedManifestRows_.insert(uuid);
-        setLocalRowState(uuid, *row);
-        saveSoon();
-        if (const auto revisions = manager ? manager->revisionController() : nullptr)
-            if (timestamp != timestampForDistantPast())
-                revisions->processRevisionForDocumentUUID(uuid, timestamp, device);
-    });
+    databaseQueue_->dispatchAsynchronously(
+        [this, self = shared_from_this(), manager, uuid, device, timestamp] {
+            auto row = manifestRows_.find(uuid);
+            if (row == manifestRows_.end()) {
+                row = manifestRows_.insert(uuid, NBManifestRow{uuid, timestamp, false, false});
+            } else if (row->timestamp < timestamp) {
+                // Never backwards: a deletion or restoration moment stays the newest fact until a newer edit.
+                row->timestamp = timestamp;
+            }
+            unsavedManifestRows_.insert(uuid);
+            setLocalRowState(uuid, *row);
+            saveSoon();
+            if (const auto revisions = manager ? manager->revisionController() : nullptr)
+                if (timestamp != timestampForDistantPast())
+                    revisions->processRevisionForDocumentUUID(uuid, timestamp, device);
+        });
 }
 
 QList<QVariantMap> NBBucket::localManifestRepresentation() const {
@@ -727,7 +734,8 @@ QList<QVariantMap> NBBucket::localManifestRepresentation() const {
     return rows;
 }
 
-QList<QVariantMap> NBBucket::manifestRepresentationsForDeviceIdentifier(const QString& deviceIdentifier) const {
+QList<QVariantMap>
+NBBucket::manifestRepresentationsForDeviceIdentifier(const QString& deviceIdentifier) const {
     if (deviceIdentifier == localDeviceIdentifier_)
         return localManifestRepresentation();
     std::lock_guard lock(stateMutex_);
@@ -763,8 +771,8 @@ bool NBBucket::saveNow(NBError* outError) {
 
 bool NBBucket::_save(NBError* outError) {
     if (!databaseQueue_->isInCurrentQueueStack()) {
-        const QString message = nbFormat("%@:%@ should only be called from within the database queue", className(),
-                                         QStringLiteral("_save:"));
+        const QString message = nbFormat("%@:%@ should only be called from within the database queue",
+                                         className(), QStringLiteral("_save:"));
         qCWarning(lcLibrary).noquote() << message;
         return nbFail(outError, NBError::errorWithObject("NBBucket", kNBBucketErrorNoContext, message));
     }
@@ -781,11 +789,11 @@ bool NBBucket::_save(NBError* outError) {
         rows.push_back(manifestRows_.value(uuid));
     NBError error;
     if (!manifest_->saveRows(rows, &error)) {
-        const QString message = nbFormat("Could not save manifest database:\npath: %@\nerror: %@\n", absolutePath_,
-                                         error.localizedDescription());
+        const QString message = nbFormat("Could not save manifest database:\npath: %@\nerror: %@\n",
+                                         absolutePath_, error.localizedDescription());
         qCWarning(lcLibrary).noquote() << message;
-        return nbFail(outError, NBError::errorWithObject("NBBucket", kNBBucketErrorSaveManifest, message, QString(),
-                                                         QString(), &error));
+        return nbFail(outError, NBError::errorWithObject("NBBucket", kNBBucketErrorSaveManifest, message,
+                                                         QString(), QString(), &error));
     }
     unsavedManifestRows_.clear();
     return true;
@@ -825,7 +833,8 @@ void NBBucket::applyStateTransitions(const QHash<QString, std::optional<Document
         if (isDeleted && !wasDeleted) {
             revisions->processDeletionOfDocumentWithUUID(entry.key());
         } else if (wasDeleted && !isDeleted) {
-            revisions->processRestorationOfDocumentWithUUID(entry.key(), _timestampsOfDocumentWithUUID(entry.key()));
+            revisions->processRestorationOfDocumentWithUUID(entry.key(),
+                                                            _timestampsOfDocumentWithUUID(entry.key()));
         }
     }
 }
@@ -863,15 +872,17 @@ QStringList NBBucket::trashedDocumentUUIDs() const {
 
 bool NBBucket::_setDeleted(const QString& uuid, bool deleted, NBError* outError) {
     if (!documentWithUUIDIsRegistered(uuid) && !stateOfDocument(uuid))
-        return nbFail(outError, NBError::errorWithObject(
-                                    "NBBucket", kNBBucketErrorNoSuchDocument,
-                                    nbFormat("No document with UUID %@ in the folder at path %@", uuid, absolutePath_)));
+        return nbFail(outError,
+                      NBError::errorWithObject("NBBucket", kNBBucketErrorNoSuchDocument,
+                                               nbFormat("No document with UUID %@ in the folder at path %@",
+                                                        uuid, absolutePath_)));
     if (documentWithUUIDIsDeleted(uuid) == deleted)
         return true;
     QHash<QString, std::optional<DocumentState>> before{{uuid, stateOfDocument(uuid)}};
     // The moment of the act, and in any case later than every row known for the document.
     const NBTimestamp newest = before.value(uuid) ? before.value(uuid)->timestamp : timestampForDistantPast();
-    const NBTimestamp timestamp = std::max(timestampNow(), newest == timestampForDistantPast() ? newest : newest + 1);
+    const NBTimestamp timestamp =
+        std::max(timestampNow(), newest == timestampForDistantPast() ? newest : newest + 1);
     databaseQueue_->dispatchSynchronously([&] {
         NBManifestRow& row = manifestRows_[uuid];
         row.documentUUID = uuid;
@@ -909,8 +920,9 @@ int NBBucket::emptyTrash(NBError* outError) {
         if (path.isEmpty())
             continue;
         if (!QDir(path).removeRecursively()) {
-            nbFail(outError, NBError::errorWithObject("NBBucket", kNBBucketErrorRemoveDocument,
-                                                      nbFormat("Could not remove the package at path %@", path)));
+            nbFail(outError,
+                   NBError::errorWithObject("NBBucket", kNBBucketErrorRemoveDocument,
+                                            nbFormat("Could not remove the package at path %@", path)));
             continue;
         }
         ++removed;
@@ -942,8 +954,8 @@ void NBBucket::refreshInfoPlist() {
     const auto data = dataWithPropertyList(device.dictionaryRepresentation(), NBPropertyListFormat::XML);
     QSaveFile file(path);
     if (!data || !file.open(QIODevice::WriteOnly) || file.write(*data) != data->size() || !file.commit()) {
-        qCWarning(lcLibrary).noquote() << nbFormat("Could not write device information at path '%@': %@", path,
-                                                   file.errorString());
+        qCWarning(lcLibrary).noquote()
+            << nbFormat("Could not write device information at path '%@': %@", path, file.errorString());
         return;
     }
     std::lock_guard lock(stateMutex_);
@@ -970,7 +982,8 @@ void NBBucket::scanDeviceInfoDirectory() {
     if (!devices.contains(localDeviceIdentifier_))
         devices << localDeviceIdentifier_;
     for (const NBDevice& device : remote)
-        if (!devices.contains(device.deviceIdentifier) && OAKStore::isValidDeviceIdentifier(device.deviceIdentifier))
+        if (!devices.contains(device.deviceIdentifier) &&
+            OAKStore::isValidDeviceIdentifier(device.deviceIdentifier))
             devices << device.deviceIdentifier;
     devices.sort();
     std::lock_guard lock(stateMutex_);
@@ -1008,12 +1021,13 @@ void NBBucket::startObservingForeignManifestDatabaseWithDeviceIdentifier(const Q
     const QString directory = manifestsDirectoryForDeviceIdentifier(deviceIdentifier);
     if (directory.isEmpty())
         return;
-    NBFileSystemEventCenter::defaultCenter().addObserver(sharedBucket(),
-                                                         &NBBucket::foreignManifestDatabaseDirectoryDidChange, directory);
+    NBFileSystemEventCenter::defaultCenter().addObserver(
+        sharedBucket(), &NBBucket::foreignManifestDatabaseDirectoryDidChange, directory);
 }
 
 void NBBucket::foreignManifestDatabaseDirectoryDidChange(const NBFileSystemEvent& event) {
-    QString device = deviceIdentifierForForeignManifestDatabasePath(join(event.path(), kNBManifestDatabaseFileName));
+    QString device =
+        deviceIdentifierForForeignManifestDatabasePath(join(event.path(), kNBManifestDatabaseFileName));
     if (device.isEmpty())
         device = deviceIdentifierForForeignManifestDatabasePath(event.path());
     if (device.isEmpty() || device == localDeviceIdentifier_)
@@ -1023,13 +1037,13 @@ void NBBucket::foreignManifestDatabaseDirectoryDidChange(const NBFileSystemEvent
 }
 
 void NBBucket::scheduleManifestReading(const QString& deviceIdentifier, double seconds) {
-    manualSyncQueue_->scheduleTimerWithName(QStringLiteral("manifest.") + deviceIdentifier, seconds,
-                                            OAKTimerBehaviorCoalesce,
-                                            [weak = weak_from_this(), deviceIdentifier] {
-                                                if (auto self = weak.lock())
-                                                    std::static_pointer_cast<NBBucket>(self)
-                                                        ->processManifestChangeWithDeviceIdentifier(deviceIdentifier);
-                                            });
+    manualSyncQueue_->scheduleTimerWithName(
+        QStringLiteral("manifest.") + deviceIdentifier, seconds, OAKTimerBehaviorCoalesce,
+        [weak = weak_from_this(), deviceIdentifier] {
+            if (auto self = weak.lock())
+                std::static_pointer_cast<NBBucket>(self)->processManifestChangeWithDeviceIdentifier(
+                    deviceIdentifier);
+        });
 }
 
 void NBBucket::setForeignManifestRetryScheduler(std::function<void(const QString&, double)> scheduler) {
@@ -1048,11 +1062,12 @@ void NBBucket::processManifestChangeWithDeviceIdentifier(const QString& deviceId
         return;
     const QString path = pathForForeignManifestDatabaseWithDeviceIdentifier(deviceIdentifier);
     NBError error;
-    const std::optional<std::vector<NBManifestRow>> rows = NBManifestDatabase::rowsOfDatabaseAtPath(path, &error);
+    const std::optional<std::vector<NBManifestRow>> rows =
+        NBManifestDatabase::rowsOfDatabaseAtPath(path, &error);
     if (!rows) {
-        qCWarning(lcLibrary).noquote() << nbFormat(
-            "Could not create context for manifest database at path '%@' because of error: %@", path,
-            error.localizedDescription());
+        qCWarning(lcLibrary).noquote()
+            << nbFormat("Could not create context for manifest database at path '%@' because of error: %@",
+                        path, error.localizedDescription());
         unsigned count = 0;
         std::function<void(const QString&, double)> scheduler;
         {
@@ -1083,8 +1098,9 @@ void NBBucket::processManifestChangeWithDeviceIdentifier(const QString& deviceId
         for (const NBManifestRow& row : *rows) {
             if (documentPaths_.contains(row.documentUUID))
                 continue;
-            for (const QString& candidate : {proposedExperimentPathWithUUID(row.documentUUID, deviceIdentifier),
-                                             proposedProtocolPathWithUUID(row.documentUUID, deviceIdentifier)}) {
+            for (const QString& candidate :
+                 {proposedExperimentPathWithUUID(row.documentUUID, deviceIdentifier),
+                  proposedProtocolPathWithUUID(row.documentUUID, deviceIdentifier)}) {
                 if (isDirectory(candidate) && packageIsComplete(candidate)) {
                     documentPaths_.insert(row.documentUUID, candidate);
                     break;
@@ -1111,8 +1127,8 @@ void NBBucket::processManifestChangeWithDeviceIdentifier(const QString& deviceId
 void NBBucket::sync() {
     const auto manager = libraryManager();
     manualSyncQueue_->scheduleTimerWithName(QString::fromUtf8(kSyncTimer),
-                                            manager ? manager->timings().manualSyncDelay : 2.0, OAKTimerBehaviorDelay,
-                                            [weak = weak_from_this()] {
+                                            manager ? manager->timings().manualSyncDelay : 2.0,
+                                            OAKTimerBehaviorDelay, [weak = weak_from_this()] {
                                                 if (auto self = weak.lock())
                                                     std::static_pointer_cast<NBBucket>(self)->_sync();
                                             });
@@ -1145,7 +1161,8 @@ void NBBucket::_sync() {
 // MARK: - Moving another bucket's content here
 
 bool NBBucket::mergePackage(const QString& sourcePath, const QString& destinationPath, NBError* outError) {
-    const auto destination = std::make_shared<NBDocument>(QUrl::fromLocalFile(destinationPath), localDeviceIdentifier_);
+    const auto destination =
+        std::make_shared<NBDocument>(QUrl::fromLocalFile(destinationPath), localDeviceIdentifier_);
     const auto source = std::make_shared<NBDocument>(QUrl::fromLocalFile(sourcePath), localDeviceIdentifier_);
     destination->loadNow();
     source->loadNow();
@@ -1170,11 +1187,11 @@ bool NBBucket::mergePackage(const QString& sourcePath, const QString& destinatio
     source->tearDownNow();
     destination->tearDownNow();
     if (failure)
-        return nbFail(outError, NBError::errorWithObject(
-                                    "NBBucket", kNBBucketErrorMergeDocument,
-                                    nbFormat("Could not merge the package at path %@ into %@", sourcePath,
-                                             destinationPath),
-                                    QString(), QString(), &*failure));
+        return nbFail(outError,
+                      NBError::errorWithObject("NBBucket", kNBBucketErrorMergeDocument,
+                                               nbFormat("Could not merge the package at path %@ into %@",
+                                                        sourcePath, destinationPath),
+                                               QString(), QString(), &*failure));
     return true;
 }
 
@@ -1198,11 +1215,12 @@ bool NBBucket::moveAndMergeContentFromBucket(const std::shared_ptr<NBBucket>& bu
             done = QDir().rename(entry.value(), destinationPath) ||
                    (copyTree(entry.value(), destinationPath) && QDir(entry.value()).removeRecursively());
             if (!done)
-                error = NBError::errorWithObject("NBBucket", kNBBucketErrorMoveDocument,
-                                                 nbFormat("Could not move the package at path %@ to %@", entry.value(),
-                                                          destinationPath));
+                error = NBError::errorWithObject(
+                    "NBBucket", kNBBucketErrorMoveDocument,
+                    nbFormat("Could not move the package at path %@ to %@", entry.value(), destinationPath));
         } else {
-            done = mergePackage(entry.value(), destinationPath, &error) && QDir(entry.value()).removeRecursively();
+            done = mergePackage(entry.value(), destinationPath, &error) &&
+                   QDir(entry.value()).removeRecursively();
         }
         if (!done) {
             qCWarning(lcLibrary).noquote() << error.localizedDescription();

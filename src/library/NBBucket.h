@@ -98,7 +98,8 @@ inline constexpr qint64 kNBBucketErrorRemoveDocument = 40;
 class NBBucket : public NBAbstractController {
 public:
     // A bucket of type 1 or 3 (see above), or nothing. Both paths must be given.
-    static std::shared_ptr<NBBucket> bucketWithType(int bucketType, const std::shared_ptr<NBLibraryManager>& manager,
+    static std::shared_ptr<NBBucket> bucketWithType(int bucketType,
+                                                    const std::shared_ptr<NBLibraryManager>& manager,
                                                     const QString& absolutePath, const QString& relativePath);
 
     NBBucket(ConstructionToken token, const std::shared_ptr<NBLibraryManager>& manager);
@@ -170,7 +171,8 @@ public:
     std::vector<NBDevice> remoteDevices() const;
 
     // ---- Manifests ----
-    void refreshLocalManifestAndNotifyRevisionControllerForDocument(const std::shared_ptr<NBDocument>& document);
+    void
+    refreshLocalManifestAndNotifyRevisionControllerForDocument(const std::shared_ptr<NBDocument>& document);
     void processManifestChangeWithDeviceIdentifier(const QString& deviceIdentifier);
     QList<QVariantMap> localManifestRepresentation() const;
     QList<QVariantMap> manifestRepresentationsForDeviceIdentifier(const QString& deviceIdentifier) const;
@@ -189,7 +191,8 @@ public:
 
     // Replaces the retry timers of unreadable foreign manifests: the function is told the device and the
     // delay instead, and no timer is scheduled (for tests on a fixed clock).
-    void setForeignManifestRetryScheduler(std::function<void(const QString& deviceIdentifier, double seconds)> scheduler);
+    void setForeignManifestRetryScheduler(
+        std::function<void(const QString& deviceIdentifier, double seconds)> scheduler);
     unsigned manifestDatabaseErrorCountForDeviceIdentifier(const QString& deviceIdentifier) const;
 
 private:
@@ -197,8 +200,11 @@ private:
         NBTimestamp timestamp = 0;
         bool deleted = false;
     };
-    bool checkQueue(const std::shared_ptr<OAKDispatchQueue>& queue, const char* queueName, const char* method) const;
-    std::shared_ptr<NBBucket> sharedBucket() { return std::static_pointer_cast<NBBucket>(shared_from_this()); }
+    bool checkQueue(const std::shared_ptr<OAKDispatchQueue>& queue, const char* queueName,
+                    const char* method) const;
+    std::shared_ptr<NBBucket> sharedBucket() {
+        return std::static_pointer_cast<NBBucket>(shared_from_this());
+    }
     QStringList listDeviceDirectories() const;
     QHash<QString, QString> _existingDocumentPathsByFilenameWithError(NBError* outError) const;
     static bool packageIsComplete(const QString& path);

@@ -12,7 +12,8 @@
 #include <QDir>
 #include <QFileInfo>
 
-NBDocumentsController::NBDocumentsController(ConstructionToken token, const std::shared_ptr<NBLibraryManager>& manager)
+NBDocumentsController::NBDocumentsController(ConstructionToken token,
+                                             const std::shared_ptr<NBLibraryManager>& manager)
     : NBAbstractController(token, manager) {}
 
 NBDocumentsController::~NBDocumentsController() = default;
@@ -32,21 +33,22 @@ bool NBDocumentsController::setUpWithError(NBError* outError) {
     const auto manager = libraryManager();
     if (!manager)
         return true;
-    queue_ = OAKDispatchQueue::dispatchQueueWithLabel(OAKDispatchQueue::labelByPrependingBundleIdentifierToString(
-        nbFormat("documents.%@", manager->deviceIdentifier())));
-    const auto local = makeBucket(kNBBucketTypeLocal,
-                                  QDir(manager->localDocumentsDirectory())
-                                      .filePath(QString::fromUtf8(kNBLocalBucketRelativePath)),
-                                  QString::fromUtf8(kNBLocalBucketRelativePath));
+    queue_ =
+        OAKDispatchQueue::dispatchQueueWithLabel(OAKDispatchQueue::labelByPrependingBundleIdentifierToString(
+            nbFormat("documents.%@", manager->deviceIdentifier())));
+    const auto local = makeBucket(
+        kNBBucketTypeLocal,
+        QDir(manager->localDocumentsDirectory()).filePath(QString::fromUtf8(kNBLocalBucketRelativePath)),
+        QString::fromUtf8(kNBLocalBucketRelativePath));
     if (!local || !startBucket(local, outError))
         return local ? false
-                     : nbFail(outError, NBError::errorWithObject("NBDocumentsController",
-                                                                 kNBDocumentsControllerErrorNoBucket,
-                                                                 QStringLiteral("Could not create the local bucket")));
+                     : nbFail(outError, NBError::errorWithObject(
+                                            "NBDocumentsController", kNBDocumentsControllerErrorNoBucket,
+                                            QStringLiteral("Could not create the local bucket")));
     std::vector<std::shared_ptr<NBBucket>> buckets{local};
     QStringList folders;
-    for (const QVariant& value : manager->cachedInfoValueForKey(QString::fromUtf8(kNBLibraryInfoSynchronisedFoldersKey))
-                                     .toList())
+    for (const QVariant& value :
+         manager->cachedInfoValueForKey(QString::fromUtf8(kNBLibraryInfoSynchronisedFoldersKey)).toList())
         if (const QString path = NBLibraryManager::standardizedPath(value.toString());
             !path.isEmpty() && !folders.contains(path))
             folders << path;
@@ -151,24 +153,28 @@ bool NBDocumentsController::addSynchronisedFolder(const QString& folder, NBError
     const QString path = NBLibraryManager::standardizedPath(folder);
     const auto manager = libraryManager();
     if (!manager || path.isEmpty())
-        return nbFail(outError, NBError::errorWithObject("NBDocumentsController", kNBDocumentsControllerErrorFolder,
-                                                         nbFormat("Not a folder: '%@'", folder)));
+        return nbFail(outError,
+                      NBError::errorWithObject("NBDocumentsController", kNBDocumentsControllerErrorFolder,
+                                               nbFormat("Not a folder: '%@'", folder)));
     if (path == manager->rootPath() || path.startsWith(manager->rootPath() + QLatin1Char('/')) ||
         manager->rootPath().startsWith(path + QLatin1Char('/')))
-        return nbFail(outError, NBError::errorWithObject(
-                                    "NBDocumentsController", kNBDocumentsControllerErrorFolder,
-                                    nbFormat("The synchronised folder '%@' cannot lie inside the library or hold it, "
-                                             "because the library at '%@' stays on this computer",
-                                             path, manager->rootPath())));
+        return nbFail(outError,
+                      NBError::errorWithObject(
+                          "NBDocumentsController", kNBDocumentsControllerErrorFolder,
+                          nbFormat("The synchronised folder '%@' cannot lie inside the library or hold it, "
+                                   "because the library at '%@' stays on this computer",
+                                   path, manager->rootPath())));
     if (synchronisedFolderPaths().contains(path))
         return true;
     if (!QDir().mkpath(path))
-        return nbFail(outError, NBError::errorWithObject("NBDocumentsController", kNBDocumentsControllerErrorFolder,
-                                                         nbFormat("Could not create the folder '%@'", path)));
+        return nbFail(outError,
+                      NBError::errorWithObject("NBDocumentsController", kNBDocumentsControllerErrorFolder,
+                                               nbFormat("Could not create the folder '%@'", path)));
     const auto bucket = makeBucket(kNBBucketTypeSynchronisedFolder, path, QFileInfo(path).fileName());
     if (!bucket)
-        return nbFail(outError, NBError::errorWithObject("NBDocumentsController", kNBDocumentsControllerErrorFolder,
-                                                         nbFormat("Could not access bucket at path %@", path)));
+        return nbFail(outError,
+                      NBError::errorWithObject("NBDocumentsController", kNBDocumentsControllerErrorFolder,
+                                               nbFormat("Could not access bucket at path %@", path)));
     if (!startBucket(bucket, outError))
         return false;
     bool awake;
@@ -193,9 +199,9 @@ bool NBDocumentsController::removeSynchronisedFolder(const QString& folder, NBEr
     {
         std::lock_guard lock(mutex_);
         if (!folderPaths_.contains(path))
-            return nbFail(outError,
-                          NBError::errorWithObject("NBDocumentsController", kNBDocumentsControllerErrorFolder,
-                                                   nbFormat("'%@' is not a synchronised folder of this library", path)));
+            return nbFail(outError, NBError::errorWithObject(
+                                        "NBDocumentsController", kNBDocumentsControllerErrorFolder,
+                                        nbFormat("'%@' is not a synchronised folder of this library", path)));
         folderPaths_.removeAll(path);
         unavailableFolderPaths_.removeAll(path);
         paths = folderPaths_;
@@ -219,7 +225,8 @@ void NBDocumentsController::scheduleFolderCheck() {
         return;
     queue_->scheduleTimerWithName(QStringLiteral("check_folders"), manager->timings().folderCheckInterval,
                                   OAKTimerBehaviorDelay, [weak = weak_from_this()] {
-                                      if (auto self = std::static_pointer_cast<NBDocumentsController>(weak.lock())) {
+                                      if (auto self =
+                                              std::static_pointer_cast<NBDocumentsController>(weak.lock())) {
                                           self->checkSynchronisedFolders();
                                           self->scheduleFolderCheck();
                                       }
@@ -248,9 +255,9 @@ void NBDocumentsController::checkSynchronisedFolders() {
         unavailable = unavailableFolderPaths_;
     }
     for (const auto& bucket : gone) {
-        qCWarning(lcLibrary).noquote() << nbFormat(
-            "The synchronised folder at path '%@' is not available; its documents are hidden until it comes back",
-            bucket->absolutePath());
+        qCWarning(lcLibrary).noquote() << nbFormat("The synchronised folder at path '%@' is not available; "
+                                                   "its documents are hidden until it comes back",
+                                                   bucket->absolutePath());
         bucket->tearDownAndReturnError();
     }
     for (const QString& path : unavailable) {
@@ -265,7 +272,8 @@ void NBDocumentsController::checkSynchronisedFolders() {
             unavailableFolderPaths_.removeAll(path);
             buckets_.push_back(bucket);
         }
-        qCInfo(lcLibrary).noquote() << nbFormat("The synchronised folder at path '%@' is available again", path);
+        qCInfo(lcLibrary).noquote() << nbFormat("The synchronised folder at path '%@' is available again",
+                                                path);
         if (awake)
             bucket->awakeFromLibrarySetUp();
     }
@@ -308,7 +316,8 @@ void NBDocumentsController::releasedDocumentWithUUID(const QString& uuid) {
 
 // MARK: - Making documents
 
-bool NBDocumentsController::copyContent(NBDocument& source, NBDocument& target, bool keepIdentity, NBError* outError) {
+bool NBDocumentsController::copyContent(NBDocument& source, NBDocument& target, bool keepIdentity,
+                                        NBError* outError) {
     if (!source.isInMemory() && !source.loaded())
         source.loadNow();
     QVariantMap values = source.allRelevantValues();
@@ -346,25 +355,28 @@ void NBDocumentsController::importDocument(const std::shared_ptr<NBDocument>& do
                 [completionHandler, uuid, error] { completionHandler(uuid, error); });
     };
     if (!queue_ || !document) {
-        finish(QString(), NBError::errorWithObject("NBDocumentsController", kNBDocumentsControllerErrorNoBucket,
-                                                   QStringLiteral("There is no document to import")));
+        finish(QString(),
+               NBError::errorWithObject("NBDocumentsController", kNBDocumentsControllerErrorNoBucket,
+                                        QStringLiteral("There is no document to import")));
         return;
     }
     queue_->dispatchAsynchronously([this, self = shared_from_this(), document, chosenBucket, finish] {
         const auto manager = libraryManager();
         const auto bucket = chosenBucket ? chosenBucket : localBucket();
         if (!manager || !bucket)
-            return finish(QString(), NBError::errorWithObject("NBDocumentsController",
-                                                              kNBDocumentsControllerErrorNoBucket,
-                                                              QStringLiteral("The library has no bucket to import into")));
+            return finish(QString(), NBError::errorWithObject(
+                                         "NBDocumentsController", kNBDocumentsControllerErrorNoBucket,
+                                         QStringLiteral("The library has no bucket to import into")));
         const QString uuid = document->uuid();
         if (uuid.isEmpty())
-            return finish(QString(), NBError::errorWithObject("NBDocumentsController", kNBDocumentsControllerErrorNoUUID,
-                                                              QStringLiteral("The document to import has no UUID")));
+            return finish(QString(),
+                          NBError::errorWithObject("NBDocumentsController", kNBDocumentsControllerErrorNoUUID,
+                                                   QStringLiteral("The document to import has no UUID")));
         if (documentWithUUIDIsRegistered(uuid))
-            return finish(QString(), NBError::errorWithObject(
-                                         "NBDocumentsController", kNBDocumentsControllerErrorDuplicateUUID,
-                                         nbFormat("A document with UUID %@ is already in the library", uuid)));
+            return finish(QString(),
+                          NBError::errorWithObject(
+                              "NBDocumentsController", kNBDocumentsControllerErrorDuplicateUUID,
+                              nbFormat("A document with UUID %@ is already in the library", uuid)));
         QString path;
         std::shared_ptr<NBDocument> target;
         if (document->isExperiment()) {
@@ -374,9 +386,10 @@ void NBDocumentsController::importDocument(const std::shared_ptr<NBDocument>& do
             path = bucket->proposedProtocolPathWithUUID(uuid);
             target = std::make_shared<NBProtocol>(QUrl::fromLocalFile(path), manager->deviceIdentifier());
         } else {
-            return finish(QString(), NBError::errorWithObject(
-                                         "NBDocumentsController", kNBDocumentsControllerErrorUnknownKind,
-                                         nbFormat("The document %@ is neither an experiment nor a protocol", uuid)));
+            return finish(QString(),
+                          NBError::errorWithObject(
+                              "NBDocumentsController", kNBDocumentsControllerErrorUnknownKind,
+                              nbFormat("The document %@ is neither an experiment nor a protocol", uuid)));
         }
         if (QFileInfo::exists(path))
             return finish(QString(), NBError::errorWithObject(
@@ -405,17 +418,18 @@ std::shared_ptr<NBDocument> NBDocumentsController::newDocument(bool experiment, 
     const auto manager = libraryManager();
     const auto bucket = chosenBucket ? chosenBucket : localBucket();
     if (!manager || !bucket) {
-        nbFail(outError, NBError::errorWithObject("NBDocumentsController", kNBDocumentsControllerErrorNoBucket,
-                                                  QStringLiteral("The library has no bucket for a new document")));
+        nbFail(outError,
+               NBError::errorWithObject("NBDocumentsController", kNBDocumentsControllerErrorNoBucket,
+                                        QStringLiteral("The library has no bucket for a new document")));
         return nullptr;
     }
     std::shared_ptr<NBDocument> document;
     if (experiment)
-        document = NBExperiment::newExperimentInFolder(bucket->experimentsDirectory(), manager->deviceIdentifier(),
-                                                       title, outError);
+        document = NBExperiment::newExperimentInFolder(bucket->experimentsDirectory(),
+                                                       manager->deviceIdentifier(), title, outError);
     else
-        document = NBProtocol::newProtocolInFolder(bucket->protocolsDirectory(), manager->deviceIdentifier(), title,
-                                                   outError);
+        document = NBProtocol::newProtocolInFolder(bucket->protocolsDirectory(), manager->deviceIdentifier(),
+                                                   title, outError);
     if (!document)
         return nullptr;
     document->setAuthor(author.isEmpty() ? manager->libraryOwnerOrFallback() : author);
@@ -425,24 +439,26 @@ std::shared_ptr<NBDocument> NBDocumentsController::newDocument(bool experiment, 
     return document;
 }
 
-std::shared_ptr<NBDocument> NBDocumentsController::newExperimentWithTitle(const QString& title, const QString& author,
-                                                                          const std::shared_ptr<NBBucket>& bucket,
-                                                                          NBError* outError) {
+std::shared_ptr<NBDocument>
+NBDocumentsController::newExperimentWithTitle(const QString& title, const QString& author,
+                                              const std::shared_ptr<NBBucket>& bucket, NBError* outError) {
     return newDocument(true, title, author, bucket, outError);
 }
 
-std::shared_ptr<NBDocument> NBDocumentsController::newProtocolWithTitle(const QString& title, const QString& author,
-                                                                        const std::shared_ptr<NBBucket>& bucket,
-                                                                        NBError* outError) {
+std::shared_ptr<NBDocument>
+NBDocumentsController::newProtocolWithTitle(const QString& title, const QString& author,
+                                            const std::shared_ptr<NBBucket>& bucket, NBError* outError) {
     return newDocument(false, title, author, bucket, outError);
 }
 
-std::shared_ptr<NBDocument> NBDocumentsController::duplicateDocumentWithUUID(const QString& uuid, NBError* outError) {
+std::shared_ptr<NBDocument> NBDocumentsController::duplicateDocumentWithUUID(const QString& uuid,
+                                                                             NBError* outError) {
     const auto bucket = bucketOfDocumentWithUUID(uuid);
     const auto source = bucket ? bucket->retainedDocumentWithUUID(uuid) : nullptr;
     if (!source) {
-        nbFail(outError, NBError::errorWithObject("NBDocumentsController", kNBDocumentsControllerErrorNoSuchDocument,
-                                                  nbFormat("No document with UUID %@ in the library", uuid)));
+        nbFail(outError,
+               NBError::errorWithObject("NBDocumentsController", kNBDocumentsControllerErrorNoSuchDocument,
+                                        nbFormat("No document with UUID %@ in the library", uuid)));
         return nullptr;
     }
     const QString title = nbFormat("%@ (copy)", source->title());
@@ -458,9 +474,9 @@ std::shared_ptr<NBDocument> NBDocumentsController::duplicateDocumentWithUUID(con
 bool NBDocumentsController::deleteDocumentWithUUID(const QString& uuid, NBError* outError) {
     const auto bucket = bucketOfDocumentWithUUID(uuid);
     if (!bucket)
-        return nbFail(outError, NBError::errorWithObject("NBDocumentsController",
-                                                         kNBDocumentsControllerErrorNoSuchDocument,
-                                                         nbFormat("No document with UUID %@ in the library", uuid)));
+        return nbFail(outError, NBError::errorWithObject(
+                                    "NBDocumentsController", kNBDocumentsControllerErrorNoSuchDocument,
+                                    nbFormat("No document with UUID %@ in the library", uuid)));
     if (!bucket->deleteDocumentWithUUID(uuid, outError))
         return false;
     if (const auto manager = libraryManager())
@@ -471,9 +487,9 @@ bool NBDocumentsController::deleteDocumentWithUUID(const QString& uuid, NBError*
 bool NBDocumentsController::restoreDocumentWithUUID(const QString& uuid, NBError* outError) {
     const auto bucket = bucketOfDocumentWithUUID(uuid);
     if (!bucket || !bucket->documentWithUUIDIsDeleted(uuid))
-        return nbFail(outError, NBError::errorWithObject("NBDocumentsController",
-                                                         kNBDocumentsControllerErrorNoSuchDocument,
-                                                         nbFormat("No document with UUID %@ in the trash", uuid)));
+        return nbFail(outError, NBError::errorWithObject(
+                                    "NBDocumentsController", kNBDocumentsControllerErrorNoSuchDocument,
+                                    nbFormat("No document with UUID %@ in the trash", uuid)));
     return bucket->restoreDocumentWithUUID(uuid, outError);
 }
 

@@ -1,5 +1,5 @@
-// NBHardLinkController: A browsable folder of attachments under the support folder, made of hard links. Not built yet:
-// it takes its place in the library's life cycle and does nothing else; it is not a service.
+// NBHardLinkController: A browsable folder of attachments under the support folder, made of hard links. Not
+// built yet: it takes its place in the library's life cycle and does nothing else; it is not a service.
 #pragma once
 
 #include "library/NBAbstractController.h"

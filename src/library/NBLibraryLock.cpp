@@ -8,8 +8,8 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QSysInfo>
 #include <QStringList>
+#include <QSysInfo>
 
 #include <cerrno>
 #include <cstring>
@@ -64,7 +64,8 @@ NBError fileSystemError(const QString& path, int errorNumber) {
 } // namespace
 
 std::unique_ptr<NBLibraryLock> NBLibraryLock::lockDirectory(const QString& persistentInfoDirectory,
-                                                            const QString& libraryRootPath, NBError* outError) {
+                                                            const QString& libraryRootPath,
+                                                            NBError* outError) {
     const QString path = lockPath(persistentInfoDirectory);
     const QByteArray encoded = QFile::encodeName(path);
     const int fileDescriptor = ::open(encoded.constData(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
@@ -82,23 +83,23 @@ std::unique_ptr<NBLibraryLock> NBLibraryLock::lockDirectory(const QString& persi
         QString holder = holderOfDirectory(persistentInfoDirectory);
         if (holder.isEmpty())
             holder = QStringLiteral("another program");
-        nbFail(outError, NBError::errorWithObject(
-                             "NBLibraryManager", 90,
-                             nbFormat("The library at path %@ is open in another program: %@", libraryRootPath,
-                                      holder),
-                             QString(),
-                             QStringLiteral("Close the library in that program, or wait until it has finished."),
-                             nullptr));
+        nbFail(outError,
+               NBError::errorWithObject(
+                   "NBLibraryManager", 90,
+                   nbFormat("The library at path %@ is open in another program: %@", libraryRootPath, holder),
+                   QString(),
+                   QStringLiteral("Close the library in that program, or wait until it has finished."),
+                   nullptr));
         return nullptr;
     }
-    const QString text = QStringLiteral("program: %1\nprocess: %2\nhost: %3\nsince: %4\n")
-                             .arg(programDescription(), QString::number(QCoreApplication::applicationPid()),
-                                  QSysInfo::machineHostName(),
-                                  QDateTime::currentDateTimeUtc().toString(Qt::ISODate));
+    const QString text =
+        QStringLiteral("program: %1\nprocess: %2\nhost: %3\nsince: %4\n")
+            .arg(programDescription(), QString::number(QCoreApplication::applicationPid()),
+                 QSysInfo::machineHostName(), QDateTime::currentDateTimeUtc().toString(Qt::ISODate));
     const QByteArray bytes = text.toUtf8();
     // The description is only informative: a failure to write it leaves the lock held all the same.
-    if (::ftruncate(fileDescriptor, 0) == 0)
-        [[maybe_unused]] const ssize_t written = ::pwrite(fileDescriptor, bytes.constData(), size_t(bytes.size()), 0);
+    if (::ftruncate(fileDescriptor, 0) == 0) [[maybe_unused]]
+        const ssize_t written = ::pwrite(fileDescriptor, bytes.constData(), size_t(bytes.size()), 0);
     return std::unique_ptr<NBLibraryLock>(new NBLibraryLock(fileDescriptor));
 }
 

@@ -42,9 +42,8 @@
 namespace {
 
 struct ManagerCache {
-    std::shared_ptr<OAKDispatchQueue> queue =
-        OAKDispatchQueue::dispatchQueueWithLabel(OAKDispatchQueue::labelByPrependingBundleIdentifierToString(
-            QStringLiteral("NBManagerCacheQueue")));
+    std::shared_ptr<OAKDispatchQueue> queue = OAKDispatchQueue::dispatchQueueWithLabel(
+        OAKDispatchQueue::labelByPrependingBundleIdentifierToString(QStringLiteral("NBManagerCacheQueue")));
     QHash<QString, std::shared_ptr<NBLibraryManager>> managers;
     std::shared_ptr<NBLibraryManager> defaultManager;
 };
@@ -152,9 +151,10 @@ std::shared_ptr<NBLibraryManager> NBLibraryManager::defaultManagerWithRootPath(c
     std::shared_ptr<NBLibraryManager> existing;
     cache.queue->dispatchSynchronously([&] { existing = cache.defaultManager; });
     if (existing && existing->defaultPath_ != path) {
-        qCWarning(lcLibrary).noquote() << nbFormat("ERROR: cannot create default library manager with library root "
-                                                   "path '%@' because it was previously created with path '%@'",
-                                                   path, existing->defaultPath_);
+        qCWarning(lcLibrary).noquote()
+            << nbFormat("ERROR: cannot create default library manager with library root "
+                        "path '%@' because it was previously created with path '%@'",
+                        path, existing->defaultPath_);
         return nullptr;
     }
     std::shared_ptr<NBLibraryManager> manager = sharedManagerWithRootPath(path);
@@ -236,8 +236,8 @@ QString NBLibraryManager::resourcesDirectory() {
 bool NBLibraryManager::checkManagerQueue(const char* method) const {
     if (managerQueue_->isInCurrentQueueStack())
         return true;
-    nbRaiseAssertion(lcLibrary(), nbFormat("%@:%@ should only be called from within the manager queue", className(),
-                                           QString::fromUtf8(method)));
+    nbRaiseAssertion(lcLibrary(), nbFormat("%@:%@ should only be called from within the manager queue",
+                                           className(), QString::fromUtf8(method)));
     return false;
 }
 
@@ -282,11 +282,11 @@ std::optional<NBError> NBLibraryManager::_setUpOrReturnError() {
                 controller->awakeFromLibrarySetUp();
         for (const auto& service : additionalServices_)
             service->awakeFromLibrarySetUp();
-        qCInfo(lcLibrary).noquote() << nbFormat("Quillon Library ready with device identifier '%@' and path '%@'",
-                                                deviceIdentifier(), rootPath_);
+        qCInfo(lcLibrary).noquote() << nbFormat(
+            "Quillon Library ready with device identifier '%@' and path '%@'", deviceIdentifier(), rootPath_);
         OAKDispatchQueue::mainDispatchQueue()->dispatchAsynchronously([self = shared_from_this()] {
-            NBNotificationCenter::defaultCenter().postNotificationName(QString::fromUtf8(NBLibaryIsReadyNotification),
-                                                                       self.get());
+            NBNotificationCenter::defaultCenter().postNotificationName(
+                QString::fromUtf8(NBLibaryIsReadyNotification), self.get());
         });
         return std::nullopt;
     }
@@ -302,20 +302,24 @@ std::optional<NBError> NBLibraryManager::_setUpOrReturnError() {
     return wrapped;
 }
 
-std::optional<NBError> NBLibraryManager::createDirectory(const QString& path, const QString& description) const {
+std::optional<NBError> NBLibraryManager::createDirectory(const QString& path,
+                                                         const QString& description) const {
     if (path.isEmpty())
-        return NBError::errorWithObject(kManagerDomain, kNBLibraryManagerErrorNilDirectoryPath,
-                                        nbFormat("The directory for %@ cannot be created with a nil path", description));
+        return NBError::errorWithObject(
+            kManagerDomain, kNBLibraryManagerErrorNilDirectoryPath,
+            nbFormat("The directory for %@ cannot be created with a nil path", description));
     const QFileInfo info(path);
     if (info.exists() && !info.isDir())
         return NBError::errorWithObject(
             kManagerDomain, kNBLibraryManagerErrorNotADirectory,
-            nbFormat("The directory for %@ already exists but is not a directory at path '%@'", description, path));
+            nbFormat("The directory for %@ already exists but is not a directory at path '%@'", description,
+                     path));
     if (info.isDir())
         return std::nullopt;
     // Made one level at a time so that the file system's own error for the level that failed is returned.
     QStringList missing;
-    for (QString level = path; !level.isEmpty() && !QFileInfo(level).exists(); level = QFileInfo(level).path()) {
+    for (QString level = path; !level.isEmpty() && !QFileInfo(level).exists();
+         level = QFileInfo(level).path()) {
         missing.prepend(level);
         if (level == QFileInfo(level).path())
             break;
@@ -356,7 +360,8 @@ QStringList NBLibraryManager::stringList(const QVariant& value) {
 
 QStringList NBLibraryManager::collectBuiltInProtocolUUIDs() const {
     QStringList uuids;
-    const QDir directory(QDir(resourcesDirectory()).filePath(QString::fromUtf8(kNBBuiltInProtocolsDirectoryName)));
+    const QDir directory(
+        QDir(resourcesDirectory()).filePath(QString::fromUtf8(kNBBuiltInProtocolsDirectoryName)));
     if (resourcesDirectory().isEmpty() || !directory.exists())
         return uuids;
     for (const QFileInfo& file : directory.entryInfoList(QDir::Files, QDir::Name))
@@ -404,27 +409,33 @@ std::optional<NBError> NBLibraryManager::setUpPaths() {
         if (!value || value->typeId() != QMetaType::QVariantMap)
             return NBError::errorWithObject(kManagerDomain, kNBLibraryManagerErrorReadInfo,
                                             QStringLiteral("Info.plist could not be read"),
-                                            error.localizedDescription(), QString(), error.isNull() ? nullptr : &error);
+                                            error.localizedDescription(), QString(),
+                                            error.isNull() ? nullptr : &error);
         cachedInfo = value->toMap();
         const QVariant identifier = cachedInfo.value(QString::fromUtf8(kNBLibraryInfoDeviceIdentifierKey));
-        if (identifier.typeId() != QMetaType::QString || !OAKStore::isValidDeviceIdentifier(identifier.toString()))
-            return NBError::errorWithObject(kManagerDomain, kNBLibraryManagerErrorNoDeviceIdentifier,
-                                            QStringLiteral("Info.plist did not contain a valid device identifier"));
+        if (identifier.typeId() != QMetaType::QString ||
+            !OAKStore::isValidDeviceIdentifier(identifier.toString()))
+            return NBError::errorWithObject(
+                kManagerDomain, kNBLibraryManagerErrorNoDeviceIdentifier,
+                QStringLiteral("Info.plist did not contain a valid device identifier"));
         builtInUUIDs = stringList(cachedInfo.value(QString::fromUtf8(kNBLibraryInfoBuiltInProtocolUUIDsKey)));
         const qsizetype known = builtInUUIDs.size();
         for (const QString& uuid : builtIn)
             if (!builtInUUIDs.contains(uuid))
                 builtInUUIDs << uuid;
         if (builtInUUIDs.size() != known) {
-            cachedInfo.insert(QString::fromUtf8(kNBLibraryInfoBuiltInProtocolUUIDsKey), QVariant(builtInUUIDs).toList());
+            cachedInfo.insert(QString::fromUtf8(kNBLibraryInfoBuiltInProtocolUUIDsKey),
+                              QVariant(builtInUUIDs).toList());
             NBError writeError;
             if (!writeInfo(cachedInfo, &writeError))
-                qCWarning(lcLibrary).noquote() << nbFormat("ERROR: could not save Info.plist at path '%@' with content:\n%@",
-                                                           infoPath, propertyListDescription(cachedInfo));
+                qCWarning(lcLibrary).noquote()
+                    << nbFormat("ERROR: could not save Info.plist at path '%@' with content:\n%@", infoPath,
+                                propertyListDescription(cachedInfo));
         }
     }
     NBError lockError;
-    std::unique_ptr<NBLibraryLock> lock = NBLibraryLock::lockDirectory(persistentInfoDirectory(), rootPath_, &lockError);
+    std::unique_ptr<NBLibraryLock> lock =
+        NBLibraryLock::lockDirectory(persistentInfoDirectory(), rootPath_, &lockError);
     if (!lock)
         return lockError;
     if (auto error = createDirectory(localDocumentsDirectory(), QStringLiteral("local document")))
@@ -443,15 +454,24 @@ std::optional<NBError> NBLibraryManager::setUpPaths() {
 std::optional<NBError> NBLibraryManager::setUpControllers() {
     const auto self = shared_from_this();
     QMap<QString, std::shared_ptr<NBAbstractController>> controllers{
-        {QStringLiteral("documentsController"), NBAbstractController::controllerWithLibraryManager<NBDocumentsController>(self)},
-        {QStringLiteral("revisionController"), NBAbstractController::controllerWithLibraryManager<NBRevisionController>(self)},
-        {QStringLiteral("uiDatabaseController"), NBAbstractController::controllerWithLibraryManager<NBUIDatabaseController>(self)},
-        {QStringLiteral("searchController"), NBAbstractController::controllerWithLibraryManager<NBSearchController>(self)},
-        {QStringLiteral("thumbnailController"), NBAbstractController::controllerWithLibraryManager<NBThumbnailController>(self)},
-        {QStringLiteral("iCloudController"), NBAbstractController::controllerWithLibraryManager<NBiCloudController>(self)},
-        {QStringLiteral("hardLinkController"), NBAbstractController::controllerWithLibraryManager<NBHardLinkController>(self)},
-        {QStringLiteral("uiStateController"), NBAbstractController::controllerWithLibraryManager<NBUIStateController>(self)},
-        {QStringLiteral("timerController"), NBAbstractController::controllerWithLibraryManager<NBTimerController>(self)},
+        {QStringLiteral("documentsController"),
+         NBAbstractController::controllerWithLibraryManager<NBDocumentsController>(self)},
+        {QStringLiteral("revisionController"),
+         NBAbstractController::controllerWithLibraryManager<NBRevisionController>(self)},
+        {QStringLiteral("uiDatabaseController"),
+         NBAbstractController::controllerWithLibraryManager<NBUIDatabaseController>(self)},
+        {QStringLiteral("searchController"),
+         NBAbstractController::controllerWithLibraryManager<NBSearchController>(self)},
+        {QStringLiteral("thumbnailController"),
+         NBAbstractController::controllerWithLibraryManager<NBThumbnailController>(self)},
+        {QStringLiteral("iCloudController"),
+         NBAbstractController::controllerWithLibraryManager<NBiCloudController>(self)},
+        {QStringLiteral("hardLinkController"),
+         NBAbstractController::controllerWithLibraryManager<NBHardLinkController>(self)},
+        {QStringLiteral("uiStateController"),
+         NBAbstractController::controllerWithLibraryManager<NBUIStateController>(self)},
+        {QStringLiteral("timerController"),
+         NBAbstractController::controllerWithLibraryManager<NBTimerController>(self)},
     };
     NBAdditionalServicesFactory factory;
     {
@@ -484,9 +504,9 @@ void NBLibraryManager::setUpBuiltInProtocols() {
     const QString resources = resourcesDirectory();
     const QString directory = QDir(resources).filePath(QString::fromUtf8(kNBBuiltInProtocolsDirectoryName));
     if (resources.isEmpty() || !QFileInfo(directory).isDir()) {
-        qCInfo(lcLibrary).noquote() << nbFormat(
-            "Could not load built-in protocols because there is no directory '%@' in the resources of the main bundle",
-            directory);
+        qCInfo(lcLibrary).noquote() << nbFormat("Could not load built-in protocols because there is no "
+                                                "directory '%@' in the resources of the main bundle",
+                                                directory);
         return;
     }
     for (const QString& name : QDir(directory).entryList(QDir::Files, QDir::Name))
@@ -502,18 +522,20 @@ void NBLibraryManager::importBuiltInProtocolFile(const QString& filePath) {
     if (!documents || documents->documentWithUUIDIsRegistered(uuid) || builtInProtocolWithUUIDIsDeleted(uuid))
         return;
     const double wait = timings().builtInProtocolWait;
-    auto importer = NBMarkdownImporter::importerWithDocument(std::make_shared<NBProtocol>(), QUrl::fromLocalFile(filePath));
+    auto importer = NBMarkdownImporter::importerWithDocument(std::make_shared<NBProtocol>(),
+                                                             QUrl::fromLocalFile(filePath));
     const std::shared_ptr<NBDocument> protocol = importer ? importer->runNow() : nullptr;
     if (!protocol) {
-        qCWarning(lcLibrary).noquote() << nbFormat("Could not import built-in protocol '%@' from markdown", uuid);
+        qCWarning(lcLibrary).noquote()
+            << nbFormat("Could not import built-in protocol '%@' from markdown", uuid);
         return;
     }
     const QString title = protocol->title();
     if (protocol->uuid() != uuid) {
-        qCWarning(lcLibrary).noquote() << nbFormat(
-            "Skipping import of built-in protocol '%@' from markdown, because of inconsistent UUIDs: expected '%@' "
-            "from the file name, but got '%@' after markdown import",
-            title, uuid, protocol->uuid());
+        qCWarning(lcLibrary).noquote() << nbFormat("Skipping import of built-in protocol '%@' from markdown, "
+                                                   "because of inconsistent UUIDs: expected '%@' "
+                                                   "from the file name, but got '%@' after markdown import",
+                                                   title, uuid, protocol->uuid());
         return;
     }
     auto imported = std::make_shared<Waiting<QString>>();
@@ -522,24 +544,26 @@ void NBLibraryManager::importBuiltInProtocolFile(const QString& filePath) {
     });
     const std::optional<QString> result = imported->waitFor(wait);
     if (!result) {
-        qCWarning(lcLibrary).noquote() << nbFormat("Timeout while waiting for library import of built-in protocol '%@' (%@)",
-                                                   title, uuid);
+        qCWarning(lcLibrary).noquote() << nbFormat(
+            "Timeout while waiting for library import of built-in protocol '%@' (%@)", title, uuid);
         return;
     }
     if (result->isEmpty()) {
-        qCWarning(lcLibrary).noquote() << nbFormat("Import of built-in protocol '%@' (%@) into library failed", title, uuid);
+        qCWarning(lcLibrary).noquote()
+            << nbFormat("Import of built-in protocol '%@' (%@) into library failed", title, uuid);
         return;
     }
     if (*result != uuid) {
-        qCWarning(lcLibrary).noquote() << nbFormat(
-            "Import of built-in protocol '%@' from markdown resulted in inconsistent UUIDs: expected '%@' from the file "
-            "name, but got '%@' after library import",
-            title, uuid, *result);
+        qCWarning(lcLibrary).noquote() << nbFormat("Import of built-in protocol '%@' from markdown resulted "
+                                                   "in inconsistent UUIDs: expected '%@' from the file "
+                                                   "name, but got '%@' after library import",
+                                                   title, uuid, *result);
         return;
     }
     const std::shared_ptr<NBDocument> document = documents->retainedDocumentWithUUID(uuid);
     if (!document) {
-        qCWarning(lcLibrary).noquote() << nbFormat("Import of built-in protocol '%@' (%@) into library failed", title, uuid);
+        qCWarning(lcLibrary).noquote()
+            << nbFormat("Import of built-in protocol '%@' (%@) into library failed", title, uuid);
         return;
     }
     if (const auto database = uiDatabaseController()) {
@@ -548,13 +572,13 @@ void NBLibraryManager::importBuiltInProtocolFile(const QString& filePath) {
             document, [processed](const std::optional<NBError>& error) { processed->set(error); });
         const auto outcome = processed->waitFor(wait);
         if (!outcome)
-            qCWarning(lcLibrary).noquote() << nbFormat(
-                "Timeout while waiting for ui database update after library import of built-in protocol '%@' (%@)", title,
-                uuid);
+            qCWarning(lcLibrary).noquote() << nbFormat("Timeout while waiting for ui database update after "
+                                                       "library import of built-in protocol '%@' (%@)",
+                                                       title, uuid);
         else if (*outcome)
-            qCWarning(lcLibrary).noquote() << nbFormat(
-                "Update of UI database for built-in protocol '%@' (%@) failed with error: %@", title, uuid,
-                (*outcome)->localizedDescription());
+            qCWarning(lcLibrary).noquote()
+                << nbFormat("Update of UI database for built-in protocol '%@' (%@) failed with error: %@",
+                            title, uuid, (*outcome)->localizedDescription());
     }
     documents->releasedDocumentWithUUID(uuid);
 }
@@ -623,10 +647,10 @@ void NBLibraryManager::waitUntilFinished() {
 
 const QStringList& NBLibraryManager::subcontrollerPropertyNames() {
     static const QStringList names{
-        QStringLiteral("documentsController"), QStringLiteral("revisionController"),
+        QStringLiteral("documentsController"),  QStringLiteral("revisionController"),
         QStringLiteral("uiDatabaseController"), QStringLiteral("searchController"),
-        QStringLiteral("thumbnailController"), QStringLiteral("iCloudController"),
-        QStringLiteral("hardLinkController"), QStringLiteral("uiStateController"),
+        QStringLiteral("thumbnailController"),  QStringLiteral("iCloudController"),
+        QStringLiteral("hardLinkController"),   QStringLiteral("uiStateController"),
         QStringLiteral("timerController"),
     };
     return names;
@@ -720,7 +744,8 @@ void NBLibraryManager::setPlistValueForInfoKey(const QVariant& value, const QStr
         if (key == QLatin1String(kNBLibraryInfoLibraryOwnerKey))
             if (const auto database = uiDatabaseController())
                 database->setLibraryOwnerName(value.toString());
-        if (key == QLatin1String(kNBLibraryInfoLibraryOwnerKey) || key == QLatin1String(kNBLibraryInfoEmailAddressesKey))
+        if (key == QLatin1String(kNBLibraryInfoLibraryOwnerKey) ||
+            key == QLatin1String(kNBLibraryInfoEmailAddressesKey))
             NBNotificationCenter::defaultCenter().postNotificationName(
                 QString::fromUtf8(kNBLibraryOwnerDidChangeNotification), this);
     };
@@ -735,8 +760,9 @@ void NBLibraryManager::_saveCachedInfo() {
         return;
     NBError error;
     if (!writeInfo(cachedInfo_, &error)) {
-        qCWarning(lcLibrary).noquote() << nbFormat("ERROR: could not save Info.plist at path '%@' with content:\n%@",
-                                                   infoPlistPath(), propertyListDescription(cachedInfo_));
+        qCWarning(lcLibrary).noquote()
+            << nbFormat("ERROR: could not save Info.plist at path '%@' with content:\n%@", infoPlistPath(),
+                        propertyListDescription(cachedInfo_));
         return;
     }
     shouldSaveCachedInfo_ = false;
@@ -801,7 +827,8 @@ QString NBLibraryManager::libraryOwnerOrFallback() const {
         return owner;
     if (const passwd* entry = ::getpwuid(::getuid())) {
         // The full name is the first comma-separated field of the account's comment (GECOS) field.
-        const QString fullName = QString::fromLocal8Bit(entry->pw_gecos ? entry->pw_gecos : "").section(QLatin1Char(','), 0, 0);
+        const QString fullName =
+            QString::fromLocal8Bit(entry->pw_gecos ? entry->pw_gecos : "").section(QLatin1Char(','), 0, 0);
         if (!fullName.trimmed().isEmpty())
             return fullName.trimmed();
         if (entry->pw_name && *entry->pw_name)
@@ -858,7 +885,8 @@ QStringList NBLibraryManager::deletedBuiltInProtocolUUIDs() const {
 }
 
 void NBLibraryManager::setDeletedBuiltInProtocolUUIDs(const QStringList& uuids) {
-    setPlistValueForInfoKey(QVariant(uuids).toList(), QString::fromUtf8(kNBLibraryInfoDeletedBuiltInProtocolUUIDsKey));
+    setPlistValueForInfoKey(QVariant(uuids).toList(),
+                            QString::fromUtf8(kNBLibraryInfoDeletedBuiltInProtocolUUIDsKey));
 }
 
 bool NBLibraryManager::builtInProtocolWithUUIDIsDeleted(const QString& uuid) const {

@@ -108,23 +108,23 @@ inline constexpr qint64 kNBLibraryManagerErrorLibraryInUse = 90;
 // The library's timers and waits, in seconds. The defaults are the system's own; tests may shorten them
 // (set them before set-up).
 struct NBLibraryTimings {
-    double revisionRunDelay = 0.5;       // "run_delay"
-    double revisionRunCoalesce = 30.0;   // "run_coalesce"
-    double revisionSaveDelay = 5.0;      // "save_delay" of revisions.db
-    double revisionSaveCoalesce = 30.0;  // "save_coalesce" of revisions.db
-    double manifestSaveDelay = 5.0;      // "save_delay" of a bucket's manifest.db
-    double manifestSaveCoalesce = 30.0;  // "save_coalesce" of a bucket's manifest.db
-    double foreignManifestDelay = 1.0;   // from a foreign manifest folder's change to reading it
+    double revisionRunDelay = 0.5;         // "run_delay"
+    double revisionRunCoalesce = 30.0;     // "run_coalesce"
+    double revisionSaveDelay = 5.0;        // "save_delay" of revisions.db
+    double revisionSaveCoalesce = 30.0;    // "save_coalesce" of revisions.db
+    double manifestSaveDelay = 5.0;        // "save_delay" of a bucket's manifest.db
+    double manifestSaveCoalesce = 30.0;    // "save_coalesce" of a bucket's manifest.db
+    double foreignManifestDelay = 1.0;     // from a foreign manifest folder's change to reading it
     double foreignManifestRetryUnit = 5.0; // retries after 1, 4 and 9 units (5, 20 and 45 s)
-    double manualSyncDelay = 2.0;        // "sync" of a bucket
-    double folderCheckInterval = 10.0;   // how often unavailable synchronised folders are looked for
-    double builtInProtocolWait = 2.0;    // each wait of the built-in protocol import
+    double manualSyncDelay = 2.0;          // "sync" of a bucket
+    double folderCheckInterval = 10.0;     // how often unavailable synchronised folders are looked for
+    double builtInProtocolWait = 2.0;      // each wait of the built-in protocol import
 };
 
 // Makes extra services that the manager sets up, awakens, drains, tears down and enters by name beside its
 // own sub-controllers (plug-ins, and the recording services of tests).
-using NBAdditionalServicesFactory =
-    std::function<std::vector<std::shared_ptr<NBAbstractController>>(const std::shared_ptr<NBLibraryManager>&)>;
+using NBAdditionalServicesFactory = std::function<std::vector<std::shared_ptr<NBAbstractController>>(
+    const std::shared_ptr<NBLibraryManager>&)>;
 
 class NBLibraryManager : public std::enable_shared_from_this<NBLibraryManager> {
     struct ConstructionToken {};

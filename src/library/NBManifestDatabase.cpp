@@ -9,8 +9,9 @@
 namespace {
 
 NBError manifestError(qint64 code, const QString& path, const QString& message) {
-    return NBError::errorWithObject("NBManifestDatabase", code,
-                                    nbFormat("Could not use manifest database at path '%@': %@", path, message));
+    return NBError::errorWithObject(
+        "NBManifestDatabase", code,
+        nbFormat("Could not use manifest database at path '%@': %@", path, message));
 }
 
 std::vector<NBManifestRow> readRows(SQLite::Database& database, QHash<QString, qint64>* rowIDs) {
@@ -50,12 +51,13 @@ std::optional<NBManifestRow> NBManifestRow::rowWithDictionaryRepresentation(cons
     return row;
 }
 
-std::unique_ptr<NBManifestDatabase> NBManifestDatabase::openDatabaseAtPath(const QString& path, NBError* outError) {
+std::unique_ptr<NBManifestDatabase> NBManifestDatabase::openDatabaseAtPath(const QString& path,
+                                                                           NBError* outError) {
     std::unique_ptr<NBManifestDatabase> manifest(new NBManifestDatabase());
     manifest->path_ = path;
     try {
-        manifest->database_ = std::make_unique<SQLite::Database>(path.toStdString(),
-                                                                 SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE);
+        manifest->database_ = std::make_unique<SQLite::Database>(path.toStdString(), SQLite::OPEN_READWRITE |
+                                                                                         SQLite::OPEN_CREATE);
         manifest->database_->setBusyTimeout(2000);
         const int version = manifest->database_->execAndGet("PRAGMA user_version").getInt();
         if (version > kNBManifestSchemaVersion) {
@@ -69,7 +71,8 @@ std::unique_ptr<NBManifestDatabase> NBManifestDatabase::openDatabaseAtPath(const
         if (version < kNBManifestSchemaVersion) {
             SQLite::Transaction transaction(*manifest->database_);
             manifest->database_->exec(
-                "CREATE TABLE IF NOT EXISTS NBManifestRow (documentUUID TEXT, timestamp INTEGER, deleted INTEGER);"
+                "CREATE TABLE IF NOT EXISTS NBManifestRow (documentUUID TEXT, timestamp INTEGER, deleted "
+                "INTEGER);"
                 "CREATE INDEX IF NOT EXISTS NBManifestRow_documentUUID ON NBManifestRow(documentUUID);"
                 "CREATE INDEX IF NOT EXISTS NBManifestRow_timestamp ON NBManifestRow(timestamp);"
                 "CREATE INDEX IF NOT EXISTS NBManifestRow_deleted ON NBManifestRow(deleted);"
@@ -111,9 +114,10 @@ std::optional<std::vector<NBManifestRow>> NBManifestDatabase::allRows(NBError* o
 bool NBManifestDatabase::saveRows(const std::vector<NBManifestRow>& rows, NBError* outError) {
     try {
         SQLite::Transaction transaction(*database_);
-        SQLite::Statement update(*database_, "UPDATE NBManifestRow SET timestamp = ?, deleted = ? WHERE rowid = ?");
-        SQLite::Statement insert(*database_,
-                                 "INSERT INTO NBManifestRow (documentUUID, timestamp, deleted) VALUES (?, ?, ?)");
+        SQLite::Statement update(*database_,
+                                 "UPDATE NBManifestRow SET timestamp = ?, deleted = ? WHERE rowid = ?");
+        SQLite::Statement insert(
+            *database_, "INSERT INTO NBManifestRow (documentUUID, timestamp, deleted) VALUES (?, ?, ?)");
         QHash<QString, qint64> inserted;
         for (const NBManifestRow& row : rows) {
             const auto rowID = rowIDsByUUID_.constFind(row.documentUUID);

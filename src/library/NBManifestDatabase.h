@@ -4,9 +4,10 @@
 // ever sees a whole file once the synchronisation service has copied it; WAL's side files would travel
 // separately). One table, one row per document that this device changed:
 //   CREATE TABLE NBManifestRow (documentUUID TEXT, timestamp INTEGER, deleted INTEGER)
-//   with an index on each column (NBManifestRow_documentUUID, NBManifestRow_timestamp, NBManifestRow_deleted).
-//   documentUUID  the document's upper-case UUID (its package's file name without extension)
-//   timestamp     the newest timestamp of this device's log in the document (microseconds since 2001), or,
+//   with an index on each column (NBManifestRow_documentUUID, NBManifestRow_timestamp,
+//   NBManifestRow_deleted). documentUUID  the document's upper-case UUID (its package's file name without
+//   extension) timestamp     the newest timestamp of this device's log in the document (microseconds since
+//   2001), or,
 //                 for a row written by a deletion or a restoration, the moment of that act
 //   deleted       1 when this device put the document in the trash, else 0
 // `PRAGMA user_version` is the schema version (1); a newer version is read but never written to.
@@ -55,7 +56,8 @@ public:
     // create), 20 (a newer schema version).
     static std::unique_ptr<NBManifestDatabase> openDatabaseAtPath(const QString& path, NBError* outError);
     // Reads every row of a manifest read-only, creating nothing. Error code 10 with SQLite's message.
-    static std::optional<std::vector<NBManifestRow>> rowsOfDatabaseAtPath(const QString& path, NBError* outError);
+    static std::optional<std::vector<NBManifestRow>> rowsOfDatabaseAtPath(const QString& path,
+                                                                          NBError* outError);
 
     ~NBManifestDatabase();
     NBManifestDatabase(const NBManifestDatabase&) = delete;

@@ -17,8 +17,9 @@ NBMarkdownImporter::Factory& factory() {
 
 } // namespace
 
-std::unique_ptr<NBMarkdownImporter> NBMarkdownImporter::importerWithDocument(const std::shared_ptr<NBDocument>& document,
-                                                                             const QUrl& markdownURL) {
+std::unique_ptr<NBMarkdownImporter>
+NBMarkdownImporter::importerWithDocument(const std::shared_ptr<NBDocument>& document,
+                                         const QUrl& markdownURL) {
     Factory make;
     {
         std::lock_guard lock(factoryMutex());

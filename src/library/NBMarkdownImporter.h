@@ -17,13 +17,13 @@ class NBDocument;
 
 class NBMarkdownImporter {
 public:
-    using Factory = std::function<std::unique_ptr<NBMarkdownImporter>(const std::shared_ptr<NBDocument>& document,
-                                                                       const QUrl& markdownURL)>;
+    using Factory = std::function<std::unique_ptr<NBMarkdownImporter>(
+        const std::shared_ptr<NBDocument>& document, const QUrl& markdownURL)>;
     virtual ~NBMarkdownImporter() = default;
     virtual std::shared_ptr<NBDocument> runNow() = 0;
 
-    static std::unique_ptr<NBMarkdownImporter> importerWithDocument(const std::shared_ptr<NBDocument>& document,
-                                                                    const QUrl& markdownURL);
+    static std::unique_ptr<NBMarkdownImporter>
+    importerWithDocument(const std::shared_ptr<NBDocument>& document, const QUrl& markdownURL);
     static void setImporterFactory(Factory factory);
     static bool hasImporterFactory();
 };

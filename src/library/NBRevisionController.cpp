@@ -25,7 +25,8 @@ const char* const kSaveCoalesceTimer = "save_coalesce";
 
 } // namespace
 
-NBRevisionController::NBRevisionController(ConstructionToken token, const std::shared_ptr<NBLibraryManager>& manager)
+NBRevisionController::NBRevisionController(ConstructionToken token,
+                                           const std::shared_ptr<NBLibraryManager>& manager)
     : NBAbstractController(token, manager) {}
 
 NBRevisionController::~NBRevisionController() = default;
@@ -34,8 +35,9 @@ bool NBRevisionController::checkQueue(const std::shared_ptr<OAKDispatchQueue>& q
                                       const char* method) const {
     if (queue && queue->isInCurrentQueueStack())
         return true;
-    qCWarning(lcLibrary).noquote() << nbFormat("%@:%@ should only be called from within the %@ queue", className(),
-                                               QString::fromUtf8(method), QString::fromUtf8(queueName));
+    qCWarning(lcLibrary).noquote() << nbFormat("%@:%@ should only be called from within the %@ queue",
+                                               className(), QString::fromUtf8(method),
+                                               QString::fromUtf8(queueName));
     return false;
 }
 
@@ -56,9 +58,9 @@ bool NBRevisionController::setUpWithError(NBError*) {
         QDir(manager->derivedInfoDirectory()).filePath(QString::fromUtf8(kNBRevisionsDirectoryName));
     databasePath_ = QDir(directory).filePath(QString::fromUtf8(kNBRevisionsDatabaseFileName));
     if (!QDir().mkpath(directory))
-        qCWarning(lcLibrary).noquote() << nbFormat(
-            "Could not create directory for revision database at path '%@' because of error: %@", directory,
-            QStringLiteral("the folder could not be created"));
+        qCWarning(lcLibrary).noquote()
+            << nbFormat("Could not create directory for revision database at path '%@' because of error: %@",
+                        directory, QStringLiteral("the folder could not be created"));
     databaseQueue_->dispatchSynchronously([this] { openDatabase(); });
     return true;
 }
@@ -72,16 +74,18 @@ void NBRevisionController::openDatabase() {
             if (version > 1)
                 return QStringLiteral("its schema version %1 is newer than this program's").arg(version);
             database_->exec("PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL;");
-            database_->exec("CREATE TABLE IF NOT EXISTS NBRevision (documentUUID TEXT, deviceIdentifier TEXT, "
-                            "timestamp INTEGER, serviceName TEXT);"
-                            "CREATE INDEX IF NOT EXISTS NBRevision_documentUUID ON NBRevision(documentUUID);"
-                            "CREATE INDEX IF NOT EXISTS NBRevision_deviceIdentifier ON NBRevision(deviceIdentifier);"
-                            "CREATE INDEX IF NOT EXISTS NBRevision_timestamp ON NBRevision(timestamp);"
-                            "CREATE INDEX IF NOT EXISTS NBRevision_serviceName ON NBRevision(serviceName);"
-                            "PRAGMA user_version = 1;");
+            database_->exec(
+                "CREATE TABLE IF NOT EXISTS NBRevision (documentUUID TEXT, deviceIdentifier TEXT, "
+                "timestamp INTEGER, serviceName TEXT);"
+                "CREATE INDEX IF NOT EXISTS NBRevision_documentUUID ON NBRevision(documentUUID);"
+                "CREATE INDEX IF NOT EXISTS NBRevision_deviceIdentifier ON NBRevision(deviceIdentifier);"
+                "CREATE INDEX IF NOT EXISTS NBRevision_timestamp ON NBRevision(timestamp);"
+                "CREATE INDEX IF NOT EXISTS NBRevision_serviceName ON NBRevision(serviceName);"
+                "PRAGMA user_version = 1;");
             rowsByDocument_.clear();
-            SQLite::Statement query(*database_, "SELECT rowid, documentUUID, deviceIdentifier, timestamp, serviceName "
-                                                "FROM NBRevision");
+            SQLite::Statement query(*database_,
+                                    "SELECT rowid, documentUUID, deviceIdentifier, timestamp, serviceName "
+                                    "FROM NBRevision");
             while (query.executeStep()) {
                 Row row;
                 row.rowID = query.getColumn(0).getInt64();
@@ -99,15 +103,17 @@ void NBRevisionController::openDatabase() {
     if (failure) {
         // Revision records are derived data: a file that cannot be used is replaced, and the services
         // process every document again.
-        qCWarning(lcLibrary).noquote() << nbFormat(
-            "Could not create store for revision database at path '%@' because of error: %@", databasePath_, *failure);
+        qCWarning(lcLibrary).noquote()
+            << nbFormat("Could not create store for revision database at path '%@' because of error: %@",
+                        databasePath_, *failure);
         database_.reset();
         for (const char* suffix : {"", "-wal", "-shm", "-journal"})
             QFile::remove(databasePath_ + QString::fromUtf8(suffix));
         failure = open();
         if (failure) {
-            qCWarning(lcLibrary).noquote() << nbFormat(
-                "Could not create managed object context for the revision database at path '%@'", databasePath_);
+            qCWarning(lcLibrary).noquote()
+                << nbFormat("Could not create managed object context for the revision database at path '%@'",
+                            databasePath_);
             database_.reset();
             rowsByDocument_.clear();
         }
@@ -135,10 +141,9 @@ bool NBRevisionController::tearDownWithError(NBError* outError) {
 
 // ---- Revisions (database queue) ----
 
-std::vector<std::shared_ptr<NBServiceOperation>>
-NBRevisionController::operationsForRevision(const QString& documentUUID, NBTimestamp timestamp,
-                                            const QString& deviceIdentifier,
-                                            const QMap<QString, std::shared_ptr<NBAbstractController>>& services) const {
+std::vector<std::shared_ptr<NBServiceOperation>> NBRevisionController::operationsForRevision(
+    const QString& documentUUID, NBTimestamp timestamp, const QString& deviceIdentifier,
+    const QMap<QString, std::shared_ptr<NBAbstractController>>& services) const {
     std::vector<std::shared_ptr<NBServiceOperation>> operations;
     QHash<QString, const Row*> rowsByService;
     if (const auto rows = rowsByDocument_.constFind(documentUUID); rows != rowsByDocument_.constEnd())
@@ -162,10 +167,11 @@ NBRevisionController::operationsForRevision(const QString& documentUUID, NBTimes
 void NBRevisionController::handOperations(std::vector<std::shared_ptr<NBServiceOperation>> operations) {
     if (operations.empty())
         return;
-    operationQueue_->dispatchAsynchronously([this, self = shared_from_this(), operations = std::move(operations)] {
-        queuedOperations_.insert(queuedOperations_.end(), operations.begin(), operations.end());
-        runOperationsSoon();
-    });
+    operationQueue_->dispatchAsynchronously(
+        [this, self = shared_from_this(), operations = std::move(operations)] {
+            queuedOperations_.insert(queuedOperations_.end(), operations.begin(), operations.end());
+            runOperationsSoon();
+        });
 }
 
 void NBRevisionController::processRevisionForDocumentUUID(const QString& documentUUID, NBTimestamp timestamp,
@@ -174,7 +180,8 @@ void NBRevisionController::processRevisionForDocumentUUID(const QString& documen
     if (!databaseQueue_ || !manager || documentUUID.isEmpty() || deviceIdentifier.isEmpty())
         return;
     databaseQueue_->dispatchAsynchronously([=, this, self = shared_from_this()] {
-        handOperations(operationsForRevision(documentUUID, timestamp, deviceIdentifier, manager->servicesByName()));
+        handOperations(
+            operationsForRevision(documentUUID, timestamp, deviceIdentifier, manager->servicesByName()));
     });
 }
 
@@ -190,8 +197,10 @@ void NBRevisionController::processRevisionsForManifestRepresentations(const QLis
         const auto services = manager->servicesByName();
         std::vector<std::shared_ptr<NBServiceOperation>> operations;
         for (const QVariantMap& representation : rows) {
-            const std::optional<NBManifestRow> row = NBManifestRow::rowWithDictionaryRepresentation(representation);
-            if (!row || row->deleted || deleted.contains(row->documentUUID) || !registered.contains(row->documentUUID))
+            const std::optional<NBManifestRow> row =
+                NBManifestRow::rowWithDictionaryRepresentation(representation);
+            if (!row || row->deleted || deleted.contains(row->documentUUID) ||
+                !registered.contains(row->documentUUID))
                 continue;
             auto made = operationsForRevision(row->documentUUID, row->timestamp, deviceIdentifier, services);
             operations.insert(operations.end(), made.begin(), made.end());
@@ -217,7 +226,8 @@ void NBRevisionController::processDeletionOfDocumentWithUUID(const QString& docu
         const auto services = manager->servicesByName();
         for (auto service = services.cbegin(); service != services.cend(); ++service)
             if (!processed.contains(service.key()))
-                operations.push_back(NBServiceOperation::deletionOperationWithService(service.value(), documentUUID));
+                operations.push_back(
+                    NBServiceOperation::deletionOperationWithService(service.value(), documentUUID));
         handOperations(std::move(operations));
     });
 }
@@ -296,11 +306,12 @@ void NBRevisionController::recordSuccess(const QString& documentUUID, const QStr
 void NBRevisionController::recordDeletion(const QString& documentUUID, const QString& serviceName) {
     std::vector<Row>& rows = rowsByDocument_[documentUUID];
     const bool exists = std::any_of(rows.begin(), rows.end(), [&](const Row& row) {
-        return row.serviceName == serviceName && row.deviceIdentifier == QLatin1String(kNBRevisionDeletionMarker);
+        return row.serviceName == serviceName &&
+               row.deviceIdentifier == QLatin1String(kNBRevisionDeletionMarker);
     });
     if (!exists) {
-        rows.push_back(Row{QString::fromUtf8(kNBRevisionDeletionMarker), serviceName, timestampForDistantFuture(), 0,
-                           true});
+        rows.push_back(Row{QString::fromUtf8(kNBRevisionDeletionMarker), serviceName,
+                           timestampForDistantFuture(), 0, true});
         hasUnsavedRows_ = true;
         saveSoon();
     }
@@ -313,7 +324,8 @@ QList<NBRevisionRecord> NBRevisionController::allRevisionRepresentations() const
     databaseQueue_->dispatchSynchronously([&] {
         for (auto document = rowsByDocument_.cbegin(); document != rowsByDocument_.cend(); ++document)
             for (const Row& row : document.value())
-                records << NBRevisionRecord{document.key(), row.deviceIdentifier, row.timestamp, row.serviceName};
+                records << NBRevisionRecord{document.key(), row.deviceIdentifier, row.timestamp,
+                                            row.serviceName};
     });
     std::sort(records.begin(), records.end(), [](const NBRevisionRecord& a, const NBRevisionRecord& b) {
         return std::tie(a.documentUUID, a.serviceName, a.deviceIdentifier) <
@@ -368,8 +380,9 @@ bool NBRevisionController::_save(NBError* outError) {
             remove.reset();
         }
         SQLite::Statement update(*database_, "UPDATE NBRevision SET timestamp = ? WHERE rowid = ?");
-        SQLite::Statement insert(*database_, "INSERT INTO NBRevision (documentUUID, deviceIdentifier, timestamp, "
-                                             "serviceName) VALUES (?, ?, ?, ?)");
+        SQLite::Statement insert(*database_,
+                                 "INSERT INTO NBRevision (documentUUID, deviceIdentifier, timestamp, "
+                                 "serviceName) VALUES (?, ?, ?, ?)");
         std::vector<std::pair<Row*, qint64>> inserted;
         for (auto document = rowsByDocument_.begin(); document != rowsByDocument_.end(); ++document) {
             const std::string uuid = document.key().toStdString();
@@ -471,7 +484,8 @@ void NBRevisionController::_mergeQueuedOperations() {
         if (const auto running = runningOperationGroups_.constFind(operation->documentUUID);
             running != runningOperationGroups_.constEnd()) {
             const auto covering = running->constFind(key);
-            if (covering != running->constEnd() && operation->initialTimestamp >= (*covering)->initialTimestamp &&
+            if (covering != running->constEnd() &&
+                operation->initialTimestamp >= (*covering)->initialTimestamp &&
                 operation->targetTimestamp <= (*covering)->targetTimestamp) {
                 if (pending.isEmpty())
                     pendingOperationGroups_.remove(operation->documentUUID);
@@ -495,9 +509,10 @@ void NBRevisionController::_runDeletionOperations() {
                 operation->deletedDocumentUUID,
                 [this, self = shared_from_this(), operation](const std::optional<NBError>& error) {
                     if (error) {
-                        qCWarning(lcLibrary).noquote() << nbFormat(
-                            "ERROR: error processing document deletion:\n----- operation:\n%@\n----- error:\n%@",
-                            operation->description(), error->description());
+                        qCWarning(lcLibrary).noquote()
+                            << nbFormat("ERROR: error processing document deletion:\n----- "
+                                        "operation:\n%@\n----- error:\n%@",
+                                        operation->description(), error->description());
                         signalProgress();
                         return;
                     }
@@ -576,10 +591,10 @@ void NBRevisionController::_runPendingOperations() {
                         QStringList descriptions;
                         for (const auto& operation : operations)
                             descriptions << operation->description();
-                        qCWarning(lcLibrary).noquote()
-                            << nbFormat("ERROR: error processing document change:\n----- operations:\n%@\n----- "
-                                        "error:\n%@",
-                                        descriptions.join(QLatin1Char('\n')), error->description());
+                        qCWarning(lcLibrary).noquote() << nbFormat(
+                            "ERROR: error processing document change:\n----- operations:\n%@\n----- "
+                            "error:\n%@",
+                            descriptions.join(QLatin1Char('\n')), error->description());
                         finishOperations(documentUUID, operations, {});
                         return;
                     }
@@ -595,11 +610,14 @@ void NBRevisionController::_runPendingOperations() {
 void NBRevisionController::finishOperations(const QString& documentUUID,
                                             const QList<std::shared_ptr<NBServiceOperation>>& operations,
                                             const std::map<QString, NBTimestamp>& reached) {
-    operationQueue_->dispatchAsynchronously([this, self = shared_from_this(), documentUUID, operations, reached] {
+    operationQueue_->dispatchAsynchronously([this, self = shared_from_this(), documentUUID, operations,
+                                             reached] {
         if (!operations.isEmpty())
             for (const auto& [device, timestamp] : reached) {
-                const QString key = nbFormat("%@-%@-%@", operations.first()->serviceName(), documentUUID, device);
-                reachedTimestamps_[documentUUID][key] = std::max(reachedTimestamps_[documentUUID].value(key, timestamp), timestamp);
+                const QString key =
+                    nbFormat("%@-%@-%@", operations.first()->serviceName(), documentUUID, device);
+                reachedTimestamps_[documentUUID][key] =
+                    std::max(reachedTimestamps_[documentUUID].value(key, timestamp), timestamp);
             }
         if (auto group = runningOperationGroups_.find(documentUUID); group != runningOperationGroups_.end()) {
             for (const auto& operation : operations)
@@ -640,6 +658,7 @@ void NBRevisionController::waitUntilFinished() {
     databaseQueue_->dispatchSynchronously([] {});
     NBError error;
     if (!saveNow(&error))
-        qCWarning(lcLibrary).noquote() << nbFormat("Could not save revisions database:\npath: %@\nerror: %@\n",
-                                                   databasePath_, error.localizedDescription());
+        qCWarning(lcLibrary).noquote()
+            << nbFormat("Could not save revisions database:\npath: %@\nerror: %@\n", databasePath_,
+                        error.localizedDescription());
 }

@@ -82,7 +82,8 @@ public:
     void processRevisionForDocumentUUID(const QString& documentUUID, NBTimestamp timestamp,
                                         const QString& deviceIdentifier);
     // Every manifest row ({"documentUUID", "timestamp", "deleted"}) of another device.
-    void processRevisionsForManifestRepresentations(const QList<QVariantMap>& rows, const QString& deviceIdentifier);
+    void processRevisionsForManifestRepresentations(const QList<QVariantMap>& rows,
+                                                    const QString& deviceIdentifier);
     // The document was deleted: each service that has not processed its deletion gets it once.
     using NBAbstractController::processDeletionOfDocumentWithUUID;
     void processDeletionOfDocumentWithUUID(const QString& documentUUID);
@@ -111,7 +112,8 @@ private:
     };
     using OperationGroup = QHash<QString, std::shared_ptr<NBServiceOperation>>;
 
-    bool checkQueue(const std::shared_ptr<OAKDispatchQueue>& queue, const char* queueName, const char* method) const;
+    bool checkQueue(const std::shared_ptr<OAKDispatchQueue>& queue, const char* queueName,
+                    const char* method) const;
     void openDatabase();
     // Database queue.
     std::vector<std::shared_ptr<NBServiceOperation>>
@@ -127,7 +129,8 @@ private:
     void _mergeQueuedOperations();
     void _runDeletionOperations();
     void _runPendingOperations();
-    void finishOperations(const QString& documentUUID, const QList<std::shared_ptr<NBServiceOperation>>& operations,
+    void finishOperations(const QString& documentUUID,
+                          const QList<std::shared_ptr<NBServiceOperation>>& operations,
                           const std::map<QString, NBTimestamp>& reached);
     void signalProgress();
 

@@ -12,11 +12,10 @@ QString pointerText(const void* pointer) {
 
 } // namespace
 
-std::shared_ptr<NBServiceOperation>
-NBServiceOperation::operationWithService(const std::shared_ptr<NBAbstractController>& service,
-                                         const QString& documentUUID, const QList<NBRevisionRecord>& relevantRevisions,
-                                         const QString& deviceIdentifier, NBTimestamp initialTimestamp,
-                                         NBTimestamp targetTimestamp) {
+std::shared_ptr<NBServiceOperation> NBServiceOperation::operationWithService(
+    const std::shared_ptr<NBAbstractController>& service, const QString& documentUUID,
+    const QList<NBRevisionRecord>& relevantRevisions, const QString& deviceIdentifier,
+    NBTimestamp initialTimestamp, NBTimestamp targetTimestamp) {
     auto operation = std::make_shared<NBServiceOperation>();
     operation->service = service;
     operation->documentUUID = documentUUID;
@@ -53,9 +52,9 @@ QString NBServiceOperation::description() const {
         return nbFormat("<%@:%@> { service = <%@:%@> '%@', deleted document = %@ }", "NBServiceOperation",
                         pointerText(this), serviceClass, pointerText(service.get()), serviceName(),
                         deletedDocumentUUID);
-    return nbFormat("<%@:%@> { service = <%@:%@> '%@', document = %@, device identifier = %@, initial timestamp: "
-                    "%@, target timestamp = %@ }",
-                    "NBServiceOperation", pointerText(this), serviceClass, pointerText(service.get()),
-                    serviceName(), documentUUID, deviceIdentifier, QString::number(initialTimestamp),
-                    QString::number(targetTimestamp));
+    return nbFormat(
+        "<%@:%@> { service = <%@:%@> '%@', document = %@, device identifier = %@, initial timestamp: "
+        "%@, target timestamp = %@ }",
+        "NBServiceOperation", pointerText(this), serviceClass, pointerText(service.get()), serviceName(),
+        documentUUID, deviceIdentifier, QString::number(initialTimestamp), QString::number(targetTimestamp));
 }

@@ -37,7 +37,8 @@ public:
                          const QList<NBRevisionRecord>& relevantRevisions, const QString& deviceIdentifier,
                          NBTimestamp initialTimestamp, NBTimestamp targetTimestamp);
     static std::shared_ptr<NBServiceOperation>
-    deletionOperationWithService(const std::shared_ptr<NBAbstractController>& service, const QString& documentUUID);
+    deletionOperationWithService(const std::shared_ptr<NBAbstractController>& service,
+                                 const QString& documentUUID);
 
     std::shared_ptr<NBAbstractController> service;
     QString documentUUID;

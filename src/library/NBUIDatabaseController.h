@@ -6,8 +6,9 @@
 // enter the database at once. The database itself (its file under "DerivedInfo", schema, incremental
 // processing of changes and deletions, rebuilding) is not built yet: until it is, the service contract's
 // default applies (every change and deletion is accepted and nothing is derived). The database, when it
-// comes, starts from an empty file, so it calls the revision controller's forgetRecordsOfServiceWithName("ui")
-// when it creates its file: every document is then processed again from the beginning.
+// comes, starts from an empty file, so it calls the revision controller's
+// forgetRecordsOfServiceWithName("ui") when it creates its file: every document is then processed again from
+// the beginning.
 #pragma once
 
 #include "library/NBAbstractController.h"

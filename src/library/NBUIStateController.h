@@ -1,5 +1,5 @@
-// NBUIStateController: The saved state of the user interface, kept in "PersistentInfo". Not built yet: it takes its
-// place in the library's life cycle and does nothing else; it is not a service.
+// NBUIStateController: The saved state of the user interface, kept in "PersistentInfo". Not built yet: it
+// takes its place in the library's life cycle and does nothing else; it is not a service.
 #pragma once
 
 #include "library/NBAbstractController.h"

@@ -1,5 +1,6 @@
-// NBiCloudController: iCloud documents. This platform has no iCloud folder, so iCloudDocumentsURL() is empty and the
-// controller does nothing, for good: it exists so that the library has the same nine sub-controllers everywhere.
+// NBiCloudController: iCloud documents. This platform has no iCloud folder, so iCloudDocumentsURL() is empty
+// and the controller does nothing, for good: it exists so that the library has the same nine sub-controllers
+// everywhere.
 #pragma once
 
 #include "library/NBAbstractController.h"

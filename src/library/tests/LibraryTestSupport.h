@@ -61,8 +61,8 @@ public:
                 --running_;
                 changed_.notify_all();
             }
-            completionHandler(fail ? std::optional<NBError>(NBError::errorWithObject("RecordingService", 1,
-                                                                                     QStringLiteral("asked to fail")))
+            completionHandler(fail ? std::optional<NBError>(NBError::errorWithObject(
+                                         "RecordingService", 1, QStringLiteral("asked to fail")))
                                    : std::nullopt);
         };
         if (!holding_) {
@@ -169,7 +169,9 @@ struct TestLibrary {
 
     NBDocumentsController& documents() const { return *manager->documentsController(); }
     NBRevisionController& revisions() const { return *manager->revisionController(); }
-    std::shared_ptr<NBBucket> bucket(const QString& path) const { return documents().bucketWithAbsolutePath(path); }
+    std::shared_ptr<NBBucket> bucket(const QString& path) const {
+        return documents().bucketWithAbsolutePath(path);
+    }
 };
 
 // Sets a library up at `root` with short timers and a recording service; adds `sharedFolder` when given.
@@ -180,10 +182,11 @@ inline TestLibrary openTestLibrary(const QString& root, const QString& sharedFol
     library.manager = NBLibraryManager::sharedManagerWithRootPath(root);
     library.manager->setTimings(timings);
     auto service = std::make_shared<std::shared_ptr<RecordingService>>();
-    library.manager->setAdditionalServicesFactory([service](const std::shared_ptr<NBLibraryManager>& manager) {
-        *service = NBAbstractController::controllerWithLibraryManager<RecordingService>(manager);
-        return std::vector<std::shared_ptr<NBAbstractController>>{*service};
-    });
+    library.manager->setAdditionalServicesFactory(
+        [service](const std::shared_ptr<NBLibraryManager>& manager) {
+            *service = NBAbstractController::controllerWithLibraryManager<RecordingService>(manager);
+            return std::vector<std::shared_ptr<NBAbstractController>>{*service};
+        });
     NBError error;
     EXPECT_TRUE(library.manager->setUpWithError(&error)) << error.description().toStdString();
     library.service = *service;

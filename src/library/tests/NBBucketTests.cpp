@@ -30,9 +30,10 @@ protected:
     QString foreignPackage(const QString& device, const QString& uuid, bool protocol) {
         const QString path = protocol ? bucket->proposedProtocolPathWithUUID(uuid, device)
                                       : bucket->proposedExperimentPathWithUUID(uuid, device);
-        std::shared_ptr<NBDocument> document = protocol ? std::shared_ptr<NBDocument>(std::make_shared<NBProtocol>(
-                                                              QUrl::fromLocalFile(path), device))
-                                                        : std::make_shared<NBExperiment>(QUrl::fromLocalFile(path), device);
+        std::shared_ptr<NBDocument> document =
+            protocol
+                ? std::shared_ptr<NBDocument>(std::make_shared<NBProtocol>(QUrl::fromLocalFile(path), device))
+                : std::make_shared<NBExperiment>(QUrl::fromLocalFile(path), device);
         EXPECT_TRUE(document->prepareFilePackageWithError(nullptr));
         document->loadNow();
         document->setEntriesFromDictionary({{"uuid", uuid}, {"title", "From " + device}});
@@ -123,12 +124,14 @@ TEST_F(BucketTest, UnreadableForeignManifestIsRetriedAfterFiveTwentyAndFortyFive
     NBMessageCapture capture;
     for (int attempt = 0; attempt < 5; ++attempt)
         bucket->processManifestChangeWithDeviceIdentifier(device);
-    EXPECT_TRUE(capture.contains(QStringLiteral("Could not create context for manifest database at path '%1' because of "
-                                                "error: ")
-                                     .arg(path)));
+    EXPECT_TRUE(capture.contains(
+        QStringLiteral("Could not create context for manifest database at path '%1' because of "
+                       "error: ")
+            .arg(path)));
     {
         std::lock_guard lock(mutex);
-        const std::vector<std::pair<QString, double>> expected{{device, 5.0}, {device, 20.0}, {device, 45.0}, {device, 5.0}};
+        const std::vector<std::pair<QString, double>> expected{
+            {device, 5.0}, {device, 20.0}, {device, 45.0}, {device, 5.0}};
         EXPECT_EQ(scheduled, expected);
     }
     EXPECT_EQ(bucket->manifestDatabaseErrorCountForDeviceIdentifier(device), 1u);
@@ -152,18 +155,20 @@ TEST_F(BucketTest, UnreadableForeignManifestIsRetriedAfterFiveTwentyAndFortyFive
 TEST_F(BucketTest, HalfCopiedPackagesWaitAndSameNamedPackagesAreReportedOnce) {
     const QString uuid = QStringLiteral("6B6B6B6B-0000-4000-8000-000000000002");
     // A package folder without any log yet: a synchronisation service is still copying it.
-    const QString half = bucket->proposedExperimentPathWithUUID(QStringLiteral("7C7C7C7C-0000-4000-8000-000000000003"),
-                                                                QStringLiteral("DEVICE-B"));
+    const QString half = bucket->proposedExperimentPathWithUUID(
+        QStringLiteral("7C7C7C7C-0000-4000-8000-000000000003"), QStringLiteral("DEVICE-B"));
     QDir().mkpath(half + "/devices/DEVICE-B");
     const QString second = foreignPackage(QStringLiteral("DEVICE-B"), uuid, false);
     const QString first = foreignPackage(QStringLiteral("DEVICE-A"), uuid, false);
     NBMessageCapture capture;
     bucket->rescanDocuments();
-    EXPECT_TRUE(capture.contains(QStringLiteral("There are multiple documents with filename %1.nbexperiment, at path "
-                                                "'%2' and '%3'")
-                                     .arg(uuid, first, second)));
+    EXPECT_TRUE(
+        capture.contains(QStringLiteral("There are multiple documents with filename %1.nbexperiment, at path "
+                                        "'%2' and '%3'")
+                             .arg(uuid, first, second)));
     EXPECT_EQ(bucket->existingDocumentPathWithUUID(uuid), first);
-    EXPECT_FALSE(bucket->documentWithUUIDIsRegistered(QStringLiteral("7C7C7C7C-0000-4000-8000-000000000003")));
+    EXPECT_FALSE(
+        bucket->documentWithUUIDIsRegistered(QStringLiteral("7C7C7C7C-0000-4000-8000-000000000003")));
     QFile log(half + "/devices/DEVICE-B/logs.db");
     ASSERT_TRUE(log.open(QIODevice::WriteOnly));
     log.close();
@@ -182,7 +187,8 @@ TEST_F(BucketTest, SynchronisedFolderThatGoesAwayComesBackWithItsDocuments) {
     NBMessageCapture capture;
     ASSERT_TRUE(QDir().rename(shared, away));
     EXPECT_TRUE(waitUntil([&] { return library.documents().buckets().size() == 1; }));
-    EXPECT_TRUE(capture.contains(QStringLiteral("The synchronised folder at path '%1' is not available").arg(shared)));
+    EXPECT_TRUE(capture.contains(
+        QStringLiteral("The synchronised folder at path '%1' is not available").arg(shared)));
     EXPECT_FALSE(library.documents().documentWithUUIDIsRegistered(uuid));
     EXPECT_EQ(library.documents().unavailableSynchronisedFolderPaths(), QStringList{shared});
     // The rest of the library keeps working.
@@ -196,15 +202,18 @@ TEST_F(BucketTest, ImportKeepsIdentityValuesAndAttachmentsAndDuplicateMakesANewD
     auto protocol = NBProtocol::inMemoryProtocol();
     protocol->setTitle(QStringLiteral("Gel"));
     protocol->setSummary(QStringLiteral("Run a gel"));
-    NBParagraph attachment = NBParagraph::attachmentParagraphWithContent(QStringLiteral("Photo"), QStringLiteral("/x/gel.png"));
-    protocol->appendParagraph(NBParagraph::stepParagraphWithTitle(QStringLiteral("Pour"), QString(), QString()));
+    NBParagraph attachment =
+        NBParagraph::attachmentParagraphWithContent(QStringLiteral("Photo"), QStringLiteral("/x/gel.png"));
+    protocol->appendParagraph(
+        NBParagraph::stepParagraphWithTitle(QStringLiteral("Pour"), QString(), QString()));
     protocol->appendParagraph(attachment);
     ASSERT_TRUE(protocol->writeAttachmentData("PNGDATA", attachment));
 
     std::promise<std::pair<QString, std::optional<NBError>>> promise;
-    library.documents().importDocument(protocol, bucket, [&](const QString& uuid, const std::optional<NBError>& error) {
-        promise.set_value({uuid, error});
-    });
+    library.documents().importDocument(protocol, bucket,
+                                       [&](const QString& uuid, const std::optional<NBError>& error) {
+                                           promise.set_value({uuid, error});
+                                       });
     const auto [uuid, error] = promise.get_future().get();
     ASSERT_FALSE(error) << error->description().toStdString();
     EXPECT_EQ(uuid, protocol->uuid());
@@ -217,9 +226,8 @@ TEST_F(BucketTest, ImportKeepsIdentityValuesAndAttachmentsAndDuplicateMakesANewD
 
     // The same UUID again is refused.
     std::promise<std::optional<NBError>> again;
-    library.documents().importDocument(protocol, [&](const QString&, const std::optional<NBError>& refusal) {
-        again.set_value(refusal);
-    });
+    library.documents().importDocument(
+        protocol, [&](const QString&, const std::optional<NBError>& refusal) { again.set_value(refusal); });
     const auto refusal = again.get_future().get();
     ASSERT_TRUE(refusal);
     EXPECT_EQ(refusal->code(), kNBDocumentsControllerErrorDuplicateUUID);
@@ -262,7 +270,8 @@ TEST_F(BucketTest, MovingLocalContentIntoASynchronisedFolderMergesCopiesOfOneDoc
     const auto document = bucket->retainedDocumentWithUUID(mergedUUID);
     ASSERT_TRUE(document);
     EXPECT_EQ(document->title(), QStringLiteral("Original"));
-    EXPECT_EQ(document->metadataValueForKey(QStringLiteral("aim")).toString(), QStringLiteral("kept from the copy"));
+    EXPECT_EQ(document->metadataValueForKey(QStringLiteral("aim")).toString(),
+              QStringLiteral("kept from the copy"));
     bucket->releasedDocumentWithUUID(mergedUUID);
 }
 

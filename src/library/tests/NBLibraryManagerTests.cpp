@@ -34,7 +34,8 @@ void writeFile(const QString& path, const QByteArray& bytes) {
 // Reads "<uuid>\n<title>" files as protocols, standing in for the Markdown importer.
 class LineImporter : public NBMarkdownImporter {
 public:
-    LineImporter(std::shared_ptr<NBDocument> document, QUrl url) : document_(std::move(document)), url_(std::move(url)) {}
+    LineImporter(std::shared_ptr<NBDocument> document, QUrl url)
+        : document_(std::move(document)), url_(std::move(url)) {}
     std::shared_ptr<NBDocument> runNow() override {
         QFile file(url_.toLocalFile());
         if (!file.open(QIODevice::ReadOnly))
@@ -76,14 +77,16 @@ TEST_F(LibraryManagerTest, CacheStandardizesPathsAndDefaultManagerKeepsItsFirstP
         EXPECT_EQ(NBLibraryManager::sharedManagerWithRootPath(variant), manager) << variant.toStdString();
     EXPECT_EQ(NBLibraryManager::cachedManagerWithRootPath(root + QStringLiteral("/")), manager);
     EXPECT_EQ(NBLibraryManager::sharedManagerWithRootPath(QString()), nullptr);
-    EXPECT_EQ(NBLibraryManager::cachedManagerWithRootPath(temporary.filePath(QStringLiteral("Other"))), nullptr);
+    EXPECT_EQ(NBLibraryManager::cachedManagerWithRootPath(temporary.filePath(QStringLiteral("Other"))),
+              nullptr);
 
     const auto defaultManager = NBLibraryManager::defaultManagerWithRootPath(root);
     EXPECT_EQ(defaultManager, manager);
     EXPECT_EQ(NBLibraryManager::defaultManagerWithRootPath(root), manager);
     NBMessageCapture capture;
     EXPECT_EQ(NBLibraryManager::defaultManagerWithRootPath(root + QStringLiteral("/")), nullptr);
-    EXPECT_TRUE(capture.contains(QStringLiteral("ERROR: cannot create default library manager with library root path")));
+    EXPECT_TRUE(capture.contains(
+        QStringLiteral("ERROR: cannot create default library manager with library root path")));
     EXPECT_EQ(NBLibraryManager::cachedDefaultManager(), manager);
     NBLibraryManager::unregisterSharedManager(manager);
     EXPECT_EQ(NBLibraryManager::cachedManagerWithRootPath(root), nullptr);
@@ -97,14 +100,18 @@ TEST_F(LibraryManagerTest, SetUpFailuresAreWrappedStickyAndTouchNothing) {
         const char* underlying;
     };
     const std::vector<Case> cases{
-        {"Info.plist is a folder", [](const QString& root) { QDir().mkpath(root + "/PersistentInfo/Info.plist"); }, 60,
+        {"Info.plist is a folder",
+         [](const QString& root) { QDir().mkpath(root + "/PersistentInfo/Info.plist"); }, 60,
          "The Info.plist path is a directory"},
         {"Info.plist is damaged",
-         [](const QString& root) { writeFile(root + "/PersistentInfo/Info.plist", "<?xml version=\"1.0\"?><plist><dict>"); },
+         [](const QString& root) {
+             writeFile(root + "/PersistentInfo/Info.plist", "<?xml version=\"1.0\"?><plist><dict>");
+         },
          70, "Info.plist could not be read"},
         {"Info.plist is not a dictionary",
          [](const QString& root) {
-             writeFile(root + "/PersistentInfo/Info.plist", *dataWithPropertyList(QVariantList{1, 2}, NBPropertyListFormat::XML));
+             writeFile(root + "/PersistentInfo/Info.plist",
+                       *dataWithPropertyList(QVariantList{1, 2}, NBPropertyListFormat::XML));
          },
          70, "Info.plist could not be read"},
         {"Info.plist has no device identifier",
@@ -114,14 +121,16 @@ TEST_F(LibraryManagerTest, SetUpFailuresAreWrappedStickyAndTouchNothing) {
                                              NBPropertyListFormat::XML));
          },
          80, "Info.plist did not contain a valid device identifier"},
-        {"the root lies below a file", [](const QString& root) { writeFile(QFileInfo(root).path() + "/blocker", "x"); },
-         ENOTDIR, "Could not create the folder at path"},
+        {"the root lies below a file",
+         [](const QString& root) { writeFile(QFileInfo(root).path() + "/blocker", "x"); }, ENOTDIR,
+         "Could not create the folder at path"},
     };
     int index = 0;
     for (const Case& testCase : cases) {
         SCOPED_TRACE(testCase.name);
         const QString base = temporary.filePath(QStringLiteral("case%1").arg(index++));
-        const QString root = QString::fromUtf8(testCase.code == ENOTDIR ? "%1/blocker/Library" : "%1/Library").arg(base);
+        const QString root =
+            QString::fromUtf8(testCase.code == ENOTDIR ? "%1/blocker/Library" : "%1/Library").arg(base);
         QDir().mkpath(testCase.code == ENOTDIR ? base : root);
         testCase.damage(testCase.code == ENOTDIR ? base + "/Library" : root);
         const auto before = nbTreeSnapshot(base);
@@ -134,7 +143,8 @@ TEST_F(LibraryManagerTest, SetUpFailuresAreWrappedStickyAndTouchNothing) {
         EXPECT_TRUE(first.localizedDescription().startsWith(
             QStringLiteral("Could not set up the Quillon library at path %1 because of error: ").arg(root)));
         ASSERT_NE(first.underlyingError(), nullptr);
-        EXPECT_TRUE(first.underlyingError()->localizedDescription().startsWith(QString::fromUtf8(testCase.underlying)));
+        EXPECT_TRUE(first.underlyingError()->localizedDescription().startsWith(
+            QString::fromUtf8(testCase.underlying)));
         EXPECT_TRUE(capture.contains(first.localizedDescription()));
         EXPECT_EQ(nbTreeSnapshot(base), before);
         EXPECT_TRUE(manager->isSetUp());
@@ -175,9 +185,10 @@ TEST_F(LibraryManagerTest, NewLibraryWritesInfoAndImportsBuiltInProtocolsOnce) {
     const QString root = library.manager->rootPath();
     EXPECT_TRUE(library.manager->isNew());
     EXPECT_TRUE(waitUntil([&] { return readyCount.load() == 1; }));
-    EXPECT_TRUE(capture.contains(QStringLiteral("Skipping import of built-in protocol 'Wrong' from markdown, because of "
-                                                "inconsistent UUIDs: expected '%1' from the file name, but got '%2'")
-                                     .arg(mismatched, second)));
+    EXPECT_TRUE(capture.contains(
+        QStringLiteral("Skipping import of built-in protocol 'Wrong' from markdown, because of "
+                       "inconsistent UUIDs: expected '%1' from the file name, but got '%2'")
+            .arg(mismatched, second)));
     EXPECT_TRUE(library.documents().documentWithUUIDIsRegistered(first));
     EXPECT_FALSE(library.documents().documentWithUUIDIsRegistered(second));
     EXPECT_EQ(library.manager->builtInProtocolUUIDs(), (QStringList{first, mismatched}));
@@ -197,7 +208,9 @@ TEST_F(LibraryManagerTest, NewLibraryWritesInfoAndImportsBuiltInProtocolsOnce) {
     EXPECT_EQ(library.manager->deletedBuiltInProtocolUUIDs(), QStringList{first});
     EXPECT_TRUE(library.manager->builtInProtocolWithUUIDIsDeleted(first));
     closeTestLibrary(library);
-    EXPECT_EQ(readPlist(root + "/PersistentInfo/Info.plist").value("DeletedBuiltInProtocolUUIDs").toList().size(), 1);
+    EXPECT_EQ(
+        readPlist(root + "/PersistentInfo/Info.plist").value("DeletedBuiltInProtocolUUIDs").toList().size(),
+        1);
 
     // A later version ships one more protocol: exactly that UUID is appended, and nothing is imported twice.
     const QString third = QStringLiteral("44444444-4444-4444-8444-444444444444");
@@ -229,9 +242,10 @@ TEST_F(LibraryManagerTest, WithoutBuiltInProtocolFolderSetUpLogsAndGoesOn) {
     NBMessageCapture capture;
     TestLibrary& library = open(QStringLiteral("Library"));
     EXPECT_FALSE(library.manager->setupError().has_value());
-    EXPECT_TRUE(capture.contains(QStringLiteral("Could not load built-in protocols because there is no directory '%1' "
-                                                "in the resources of the main bundle")
-                                     .arg(temporary.filePath(QStringLiteral("no-resources/BuiltInProtocols")))));
+    EXPECT_TRUE(capture.contains(
+        QStringLiteral("Could not load built-in protocols because there is no directory '%1' "
+                       "in the resources of the main bundle")
+            .arg(temporary.filePath(QStringLiteral("no-resources/BuiltInProtocols")))));
     EXPECT_TRUE(library.manager->builtInProtocolUUIDs().isEmpty());
 }
 
@@ -276,8 +290,9 @@ TEST_F(LibraryManagerTest, ControllersRunSetUpAndTearDownOnceAndRefuseAbstractCr
     const auto service = NBAbstractController::controllerWithLibraryManager<RecordingService>(nullptr);
     const auto change = NBServiceOperation::operationWithService(service, "DOC", {}, "DEV", 5, 9);
     EXPECT_EQ(change->uniquingKey(), QStringLiteral("recording-DOC-DEV"));
-    EXPECT_TRUE(change->description().contains(QStringLiteral("'recording', document = DOC, device identifier = DEV, "
-                                                              "initial timestamp: 5, target timestamp = 9 }")));
+    EXPECT_TRUE(
+        change->description().contains(QStringLiteral("'recording', document = DOC, device identifier = DEV, "
+                                                      "initial timestamp: 5, target timestamp = 9 }")));
     const auto deletion = NBServiceOperation::deletionOperationWithService(service, "DOC");
     EXPECT_TRUE(deletion->uniquingKey().isEmpty());
     EXPECT_TRUE(deletion->description().endsWith(QStringLiteral("'recording', deleted document = DOC }")));
@@ -290,11 +305,13 @@ TEST_F(LibraryManagerTest, OneProcessRunsALibraryAndOthersAreRefusedWithItsName)
     EXPECT_TRUE(holder.contains(QStringLiteral("process %1").arg(QCoreApplication::applicationPid())))
         << holder.toStdString();
 
-    const NBCommandRun refused =
-        nbRunCommand(QStringLiteral(QUILLON_BINARY), {"new", "experiment", "--title", "T", "--library", root});
+    const NBCommandRun refused = nbRunCommand(QStringLiteral(QUILLON_BINARY),
+                                              {"new", "experiment", "--title", "T", "--library", root});
     EXPECT_EQ(refused.exitCode, 1) << refused.describe();
-    EXPECT_TRUE(refused.err.contains(QStringLiteral("is open in another program: %1").arg(holder))) << refused.describe();
-    const NBCommandRun info = nbRunCommand(QStringLiteral(QUILLON_BINARY), {"library", "info", "--library", root});
+    EXPECT_TRUE(refused.err.contains(QStringLiteral("is open in another program: %1").arg(holder)))
+        << refused.describe();
+    const NBCommandRun info =
+        nbRunCommand(QStringLiteral(QUILLON_BINARY), {"library", "info", "--library", root});
     EXPECT_EQ(info.exitCode, 0) << info.describe();
     EXPECT_TRUE(info.out.contains(QStringLiteral("\"openIn\":\"%1\"").arg(holder))) << info.describe();
 

@@ -27,7 +27,8 @@ protected:
     }
     NBTimestamp recordOf(const QString& uuid, const QString& device) {
         for (const NBRevisionRecord& record : library.revisions().allRevisionRepresentations())
-            if (record.documentUUID == uuid && record.deviceIdentifier == device && record.serviceName == "recording")
+            if (record.documentUUID == uuid && record.deviceIdentifier == device &&
+                record.serviceName == "recording")
                 return record.timestamp;
         return timestampForDistantPast();
     }
@@ -61,7 +62,8 @@ TEST_F(RevisionControllerTest, RevisionsBecomeOneOperationPerDocumentAndAdvanceR
     rename(uuid, QStringLiteral("Assay 2"));
     NBMessageCapture capture;
     library.manager->waitUntilFinished();
-    EXPECT_TRUE(capture.contains(QStringLiteral("ERROR: error processing document change:\n----- operations:\n")));
+    EXPECT_TRUE(
+        capture.contains(QStringLiteral("ERROR: error processing document change:\n----- operations:\n")));
     EXPECT_EQ(recordOf(uuid, device), created);
     const std::size_t failed = library.service->changes().size();
     ASSERT_GE(failed, 1u);
@@ -97,7 +99,8 @@ TEST_F(RevisionControllerTest, DeletionReachesEveryServiceOnceAndRestorationProc
     const QString uuid = newExperiment(QStringLiteral("Trash me"));
     library.manager->waitUntilFinished();
     NBError error;
-    ASSERT_TRUE(library.documents().deleteDocumentWithUUID(uuid, &error)) << error.description().toStdString();
+    ASSERT_TRUE(library.documents().deleteDocumentWithUUID(uuid, &error))
+        << error.description().toStdString();
     EXPECT_EQ(library.documents().trashedDocumentUUIDs(), QStringList{uuid});
     // Revisions of a deleted document make nothing.
     library.service->clear();
@@ -117,7 +120,8 @@ TEST_F(RevisionControllerTest, DeletionReachesEveryServiceOnceAndRestorationProc
     EXPECT_TRUE(library.service->deletions().isEmpty());
     EXPECT_TRUE(library.documents().documentWithUUIDIsDeleted(uuid));
 
-    ASSERT_TRUE(library.documents().restoreDocumentWithUUID(uuid, &error)) << error.description().toStdString();
+    ASSERT_TRUE(library.documents().restoreDocumentWithUUID(uuid, &error))
+        << error.description().toStdString();
     library.manager->waitUntilFinished();
     EXPECT_TRUE(library.documents().trashedDocumentUUIDs().isEmpty());
     EXPECT_FALSE(library.revisions().deletedDocumentUUIDsFromAllDevices().contains(uuid));
@@ -148,7 +152,8 @@ TEST_F(RevisionControllerTest, DamagedRevisionDatabaseIsReplacedAndEverythingPro
     NBMessageCapture capture;
     library = openTestLibrary(root);
     library.manager->waitUntilFinished();
-    EXPECT_TRUE(capture.contains(QStringLiteral("Could not create store for revision database at path '%1'").arg(path)));
+    EXPECT_TRUE(capture.contains(
+        QStringLiteral("Could not create store for revision database at path '%1'").arg(path)));
     ASSERT_FALSE(library.service->changesOf(uuid).empty());
     EXPECT_EQ(library.service->changesOf(uuid)[0].since, timestampForDistantPast());
 }

@@ -5,8 +5,8 @@
 
 #include "foundation/testing/NBCommandRun.h"
 
-#include <QJsonDocument>
 #include <QJsonArray>
+#include <QJsonDocument>
 #include <QJsonObject>
 
 namespace {
@@ -44,7 +44,8 @@ TEST(TwoDevicesTest, LibrariesInOneProcessFollowEachOthersDocumentsThroughTheSha
 
     // New on the first device: the second sees it through the first's manifest, folder observation only.
     auto before = nbTreeSnapshot(shared);
-    const auto created = first.documents().newExperimentWithTitle("Shared assay", "Ada", first.bucket(shared));
+    const auto created =
+        first.documents().newExperimentWithTitle("Shared assay", "Ada", first.bucket(shared));
     ASSERT_TRUE(created);
     const QString uuid = created->uuid();
     first.documents().releasedDocumentWithUUID(uuid);
@@ -83,7 +84,8 @@ TEST(TwoDevicesTest, LibrariesInOneProcessFollowEachOthersDocumentsThroughTheSha
     EXPECT_EQ(second.documents().trashedDocumentUUIDs(), QStringList{uuid});
     EXPECT_EQ(first.service->deletions(), QStringList{uuid});
     const std::size_t callsBefore = first.service->changesOf(uuid).size();
-    ASSERT_TRUE(second.documents().restoreDocumentWithUUID(uuid, &error)) << error.description().toStdString();
+    ASSERT_TRUE(second.documents().restoreDocumentWithUUID(uuid, &error))
+        << error.description().toStdString();
     second.manager->waitUntilFinished();
     ASSERT_TRUE(waitUntil([&] { return !first.documents().documentWithUUIDIsDeleted(uuid); }));
     ASSERT_TRUE(waitUntil([&] { return first.service->changesOf(uuid).size() > callsBefore; }));
@@ -143,7 +145,8 @@ TEST_F(TwoProcessesTest, CommandLineLibrariesSeeEachOthersDocumentsAfterSync) {
         quillon({"new", "protocol", "--title", "Buffer", "--folder", shared, "--library", mine});
     const QString uuid = made.value("uuid").toString();
     EXPECT_TRUE(QFileInfo(made.value("path").toString()).isDir());
-    EXPECT_TRUE(made.value("path").toString().startsWith(shared + "/" + init.value("deviceIdentifier").toString()));
+    EXPECT_TRUE(
+        made.value("path").toString().startsWith(shared + "/" + init.value("deviceIdentifier").toString()));
 
     QJsonObject synced = quillon({"sync", "--library", theirs});
     QJsonObject sharedBucket = synced.value("buckets").toArray().at(1).toObject();
@@ -157,11 +160,13 @@ TEST_F(TwoProcessesTest, CommandLineLibrariesSeeEachOthersDocumentsAfterSync) {
     synced = quillon({"sync", "--library", mine});
     EXPECT_TRUE(synced.value("trash").toArray().isEmpty()) << QJsonDocument(synced).toJson().toStdString();
 
-    const NBCommandRun missing = nbRunCommand(QStringLiteral(QUILLON_BINARY),
-                                              {"restore", "00000000-0000-4000-8000-000000000000", "--library", mine});
+    const NBCommandRun missing =
+        nbRunCommand(QStringLiteral(QUILLON_BINARY),
+                     {"restore", "00000000-0000-4000-8000-000000000000", "--library", mine});
     EXPECT_EQ(missing.exitCode, 1);
     EXPECT_TRUE(missing.err.contains("in the trash")) << missing.describe();
-    const NBCommandRun devices = nbRunCommand(QStringLiteral(QUILLON_BINARY), {"library", "devices", "--library", mine});
+    const NBCommandRun devices =
+        nbRunCommand(QStringLiteral(QUILLON_BINARY), {"library", "devices", "--library", mine});
     EXPECT_TRUE(devices.out.contains("\"Platform\":\"Linux\"")) << devices.describe();
 }
 

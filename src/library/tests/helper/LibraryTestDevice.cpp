@@ -35,8 +35,8 @@ int main(int argc, char** argv) {
     const QString command = arguments[3];
     bool succeeded = true;
     if (command == QLatin1String("create")) {
-        const auto document =
-            documents->newExperimentWithTitle(arguments[4], QString(), documents->bucketWithAbsolutePath(arguments[2]), &error);
+        const auto document = documents->newExperimentWithTitle(
+            arguments[4], QString(), documents->bucketWithAbsolutePath(arguments[2]), &error);
         succeeded = document != nullptr;
         if (document) {
             std::cout << document->uuid().toStdString() << std::endl;
