@@ -219,7 +219,6 @@ void NBBucket::awakeFromLibrarySetUp() {
     const auto manager = libraryManager();
     if (!manager)
         return;
-    awake_ = true;
     ownerObserver_ =
         NBScopedObserver(NBNotificationCenter::defaultCenter(),
                          NBNotificationCenter::defaultCenter().addObserverForName(
@@ -256,8 +255,6 @@ void NBBucket::awakeFromLibrarySetUp() {
 }
 
 void NBBucket::handleNewDeviceIdentifiers(const QStringList& deviceIdentifiers) {
-    const auto manager = libraryManager();
-    const auto revisions = manager ? manager->revisionController() : nullptr;
     for (const QString& device : deviceIdentifiers) {
         if (device == localDeviceIdentifier_)
             continue;
@@ -267,15 +264,7 @@ void NBBucket::handleNewDeviceIdentifiers(const QStringList& deviceIdentifiers) 
                 continue;
             observedForeignDevices_.insert(device);
         }
-        const QString path = pathForForeignManifestDatabaseWithDeviceIdentifier(device);
-        NBError error;
-        if (const auto rows = NBManifestDatabase::rowsOfDatabaseAtPath(path, &error)) {
-            processManifestChangeWithDeviceIdentifier(device);
-        } else if (QFileInfo::exists(path)) {
-            qCWarning(lcLibrary).noquote() << nbFormat(
-                "Could not create context for foreign manifest database at path '%@' because of error: %@",
-                path, error.localizedDescription());
-        }
+        _processManifestChange(device, ForeignManifestReading::Once);
         startObservingForeignManifestDatabaseWithDeviceIdentifier(device);
     }
 }
@@ -1057,6 +1046,10 @@ unsigned NBBucket::manifestDatabaseErrorCountForDeviceIdentifier(const QString& 
 }
 
 void NBBucket::processManifestChangeWithDeviceIdentifier(const QString& deviceIdentifier) {
+    _processManifestChange(deviceIdentifier, ForeignManifestReading::Retrying);
+}
+
+void NBBucket::_processManifestChange(const QString& deviceIdentifier, ForeignManifestReading reading) {
     const auto manager = libraryManager();
     if (!manager || deviceIdentifier.isEmpty() || deviceIdentifier == localDeviceIdentifier_)
         return;
@@ -1064,6 +1057,15 @@ void NBBucket::processManifestChangeWithDeviceIdentifier(const QString& deviceId
     NBError error;
     const std::optional<std::vector<NBManifestRow>> rows =
         NBManifestDatabase::rowsOfDatabaseAtPath(path, &error);
+    if (!rows && reading == ForeignManifestReading::Once) {
+        // When the library starts, a manifest that is not there or cannot be read is skipped: its folder's
+        // next change, or a manual sync, reads it again.
+        if (QFileInfo::exists(path))
+            qCWarning(lcLibrary).noquote() << nbFormat(
+                "Could not create context for foreign manifest database at path '%@' because of error: %@",
+                path, error.localizedDescription());
+        return;
+    }
     if (!rows) {
         qCWarning(lcLibrary).noquote()
             << nbFormat("Could not create context for manifest database at path '%@' because of error: %@",

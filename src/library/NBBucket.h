@@ -229,6 +229,8 @@ private:
     void startObservingForeignManifestDatabaseWithDeviceIdentifier(const QString& deviceIdentifier);
     void scheduleManifestReading(const QString& deviceIdentifier, double seconds);
     void _sync();
+    enum class ForeignManifestReading { Once, Retrying };
+    void _processManifestChange(const QString& deviceIdentifier, ForeignManifestReading reading);
     void handleNewDeviceIdentifiers(const QStringList& deviceIdentifiers);
     bool mergePackage(const QString& sourcePath, const QString& destinationPath, NBError* outError);
 
@@ -239,7 +241,6 @@ private:
     std::shared_ptr<OAKDispatchQueue> cacheQueue_;
     std::shared_ptr<OAKDispatchQueue> databaseQueue_;
     std::shared_ptr<OAKDispatchQueue> manualSyncQueue_;
-    bool awake_ = false;
 
     // Cache queue.
     QHash<QString, QString> documentPaths_;
