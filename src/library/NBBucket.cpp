@@ -699,15 +699,22 @@ void NBBucket::_refreshLocalManifest(const std::shared_ptr<NBDocument>& document
     databaseQueue_->dispatchAsynchronously(
         [this, self = shared_from_this(), manager, uuid, device, timestamp] {
             auto row = manifestRows_.find(uuid);
+            bool changed = true;
             if (row == manifestRows_.end()) {
                 row = manifestRows_.insert(uuid, NBManifestRow{uuid, timestamp, false, false});
             } else if (row->timestamp < timestamp) {
                 // Never backwards: a deletion or restoration moment stays the newest fact until a newer edit.
                 row->timestamp = timestamp;
+            } else {
+                changed = false;
             }
+            if (!changed)
+                return;
             unsavedManifestRows_.insert(uuid);
             setLocalRowState(uuid, *row);
             saveSoon();
+            // Only a new timestamp is a revision: opening and closing a document tells nothing new, and must
+            // not start another run of a service that keeps failing on it.
             if (const auto revisions = manager ? manager->revisionController() : nullptr)
                 if (timestamp != timestampForDistantPast())
                     revisions->processRevisionForDocumentUUID(uuid, timestamp, device);

@@ -1,13 +1,9 @@
 // Two devices sharing one synchronised folder: each writes only its own folders, reads the other's manifest,
 // and its services follow the other's new, edited, deleted and restored documents. Once as two libraries in
-// one process (with real folder observation), once as two OS processes, and through the `quillon` program.
+// one process (with real folder observation), and once as two OS processes.
 #include "LibraryTestSupport.h"
 
 #include "foundation/testing/NBCommandRun.h"
-
-#include <QJsonArray>
-#include <QJsonDocument>
-#include <QJsonObject>
 
 namespace {
 
@@ -126,48 +122,6 @@ TEST_F(TwoProcessesTest, AnotherProcessesNewEditedAndDeletedDocumentsReachThisLi
     ASSERT_TRUE(waitUntil([&] { return library.service->deletions().contains(uuid); }));
     EXPECT_TRUE(library.documents().documentWithUUIDIsDeleted(uuid));
     closeTestLibrary(library);
-}
-
-TEST_F(TwoProcessesTest, CommandLineLibrariesSeeEachOthersDocumentsAfterSync) {
-    const QString mine = temporary.filePath(QStringLiteral("Mine"));
-    const QString theirs = temporary.filePath(QStringLiteral("Theirs"));
-    auto quillon = [](const QStringList& arguments) {
-        const NBCommandRun run = nbRunCommand(QStringLiteral(QUILLON_BINARY), arguments);
-        EXPECT_EQ(run.exitCode, 0) << run.describe();
-        return QJsonDocument::fromJson(run.out.toUtf8()).object();
-    };
-    const QJsonObject init = quillon({"library", "init", "--library", mine});
-    EXPECT_TRUE(init.value("isNew").toBool());
-    EXPECT_EQ(init.value("root").toString(), mine);
-    quillon({"library", "add-folder", shared, "--library", mine});
-    quillon({"library", "add-folder", shared, "--library", theirs});
-    const QJsonObject made =
-        quillon({"new", "protocol", "--title", "Buffer", "--folder", shared, "--library", mine});
-    const QString uuid = made.value("uuid").toString();
-    EXPECT_TRUE(QFileInfo(made.value("path").toString()).isDir());
-    EXPECT_TRUE(
-        made.value("path").toString().startsWith(shared + "/" + init.value("deviceIdentifier").toString()));
-
-    QJsonObject synced = quillon({"sync", "--library", theirs});
-    QJsonObject sharedBucket = synced.value("buckets").toArray().at(1).toObject();
-    EXPECT_EQ(sharedBucket.value("documents").toInt(), 1) << QJsonDocument(synced).toJson().toStdString();
-    EXPECT_EQ(sharedBucket.value("devices").toArray().size(), 2);
-
-    quillon({"delete", uuid, "--library", mine});
-    synced = quillon({"sync", "--library", theirs});
-    EXPECT_EQ(synced.value("trash").toArray().at(0).toString(), uuid);
-    quillon({"restore", uuid, "--library", theirs});
-    synced = quillon({"sync", "--library", mine});
-    EXPECT_TRUE(synced.value("trash").toArray().isEmpty()) << QJsonDocument(synced).toJson().toStdString();
-
-    const NBCommandRun missing =
-        nbRunCommand(QStringLiteral(QUILLON_BINARY),
-                     {"restore", "00000000-0000-4000-8000-000000000000", "--library", mine});
-    EXPECT_EQ(missing.exitCode, 1);
-    EXPECT_TRUE(missing.err.contains("in the trash")) << missing.describe();
-    const NBCommandRun devices =
-        nbRunCommand(QStringLiteral(QUILLON_BINARY), {"library", "devices", "--library", mine});
-    EXPECT_TRUE(devices.out.contains("\"Platform\":\"Linux\"")) << devices.describe();
 }
 
 } // namespace
