@@ -65,8 +65,8 @@ QString makeTemplate(const QString& folder, const QString& device) {
     auto document = NBExperiment::newExperimentInFolder(folder, device, QStringLiteral("Template"));
     document->setAuthor(QStringLiteral("Benchmark"));
     for (int index = 0; index < 20; ++index)
-        document->appendParagraph(
-            NBParagraph::normalParagraphWithContent(QStringLiteral("Paragraph %1 of the protocol run").arg(index)));
+        document->appendParagraph(NBParagraph::normalParagraphWithContent(
+            QStringLiteral("Paragraph %1 of the protocol run").arg(index)));
     document->saveNow();
     const QString path = document->storePath();
     document->tearDownNow();
@@ -92,15 +92,17 @@ QStringList writeDevice(const Fixture& fixture, const QString& device, int count
     std::vector<NBManifestRow> rows;
     NBTimestamp newest = 0;
     {
-        SQLite::Database log((templatePath + QStringLiteral("/devices/") + device + QStringLiteral("/logs.db")).toStdString());
+        SQLite::Database log(
+            (templatePath + QStringLiteral("/devices/") + device + QStringLiteral("/logs.db")).toStdString());
         newest = log.execAndGet("SELECT MAX(timestamp) FROM Log").getInt64();
     }
     for (int index = 0; index < count; ++index) {
         const QString uuid = QUuid::createUuid().toString(QUuid::WithoutBraces).toUpper();
         const QString package = QStringLiteral("%1/%2.nbexperiment").arg(experiments, uuid);
         copyTree(templatePath, package);
-        SQLite::Database log((package + QStringLiteral("/devices/") + device + QStringLiteral("/logs.db")).toStdString(),
-                             SQLite::OPEN_READWRITE);
+        SQLite::Database log(
+            (package + QStringLiteral("/devices/") + device + QStringLiteral("/logs.db")).toStdString(),
+            SQLite::OPEN_READWRITE);
         SQLite::Statement update(log, "UPDATE Log SET blob = ? WHERE key = 'uuid'");
         const QByteArray blob = *dataWithPropertyList(uuid, NBPropertyListFormat::Binary);
         update.bind(1, blob.constData(), int(blob.size()));
@@ -120,8 +122,8 @@ const Fixture& fixture() {
         auto* result = new Fixture();
         const QString complete = kBase + QStringLiteral("/complete");
         if (!QFile::exists(complete)) {
-            std::cerr << "Generating the library of 10,000 documents in " << kBase.toStdString() << " (once)..."
-                      << std::endl;
+            std::cerr << "Generating the library of 10,000 documents in " << kBase.toStdString()
+                      << " (once)..." << std::endl;
             QDir(kBase).removeRecursively();
             QDir().mkpath(result->shared);
             auto manager = setUpLibrary(*result);
@@ -136,7 +138,8 @@ const Fixture& fixture() {
             manager = setUpLibrary(*result);
             manager->waitUntilFinished();
             manager->tearDownWithError();
-            std::cerr << "First run of the services over 10,000 documents: " << secondsSince(start) << " s" << std::endl;
+            std::cerr << "First run of the services over 10,000 documents: " << secondsSince(start) << " s"
+                      << std::endl;
             // A 10,000-row manifest of a third device, outside the bucket.
             std::vector<NBManifestRow> rows;
             for (int index = 0; index < 2 * kDocumentsPerDevice; ++index)
@@ -185,13 +188,14 @@ void BM_SetUpToReady(benchmark::State& state) {
         std::mutex mutex;
         std::condition_variable readyChanged;
         bool ready = false;
-        NBScopedObserver observer(NBNotificationCenter::defaultCenter(),
-                                  NBNotificationCenter::defaultCenter().addObserverForName(
-                                      QString::fromUtf8(NBLibaryIsReadyNotification), nullptr, [&](const NBNotification&) {
-                                          std::lock_guard lock(mutex);
-                                          ready = true;
-                                          readyChanged.notify_all();
-                                      }));
+        NBScopedObserver observer(
+            NBNotificationCenter::defaultCenter(),
+            NBNotificationCenter::defaultCenter().addObserverForName(
+                QString::fromUtf8(NBLibaryIsReadyNotification), nullptr, [&](const NBNotification&) {
+                    std::lock_guard lock(mutex);
+                    ready = true;
+                    readyChanged.notify_all();
+                }));
         auto start = Clock::now();
         auto manager = setUpLibrary(made);
         {
@@ -214,8 +218,9 @@ void BM_SetUpToReady(benchmark::State& state) {
         for (const QString& device : {made.localDevice, made.otherDevice})
             entries += rawReadRows(QStringLiteral("%1/%2/Manifests/manifest.db").arg(made.shared, device),
                                    "SELECT documentUUID, timestamp, deleted FROM NBManifestRow");
-        entries += rawReadRows(made.root + QStringLiteral("/DerivedInfo/Revisions/revisions.db"),
-                               "SELECT documentUUID, deviceIdentifier, timestamp, serviceName FROM NBRevision");
+        entries +=
+            rawReadRows(made.root + QStringLiteral("/DerivedInfo/Revisions/revisions.db"),
+                        "SELECT documentUUID, deviceIdentifier, timestamp, serviceName FROM NBRevision");
         benchmark::DoNotOptimize(entries);
         floorSeconds += secondsSince(start);
     }
@@ -238,7 +243,8 @@ void BM_RetainAndRelease1000(benchmark::State& state) {
     QStringList logs;
     for (const QString& uuid : chosen) {
         const QString package = documents->documentPathWithUUID(uuid);
-        for (const QString& device : QDir(package + QStringLiteral("/devices")).entryList(QDir::Dirs | QDir::NoDotAndDotDot))
+        for (const QString& device :
+             QDir(package + QStringLiteral("/devices")).entryList(QDir::Dirs | QDir::NoDotAndDotDot))
             logs << package + QStringLiteral("/devices/") + device + QStringLiteral("/logs.db");
     }
     double librarySeconds = 0;
@@ -279,7 +285,8 @@ void BM_ReadForeignManifest(benchmark::State& state) {
         benchmark::DoNotOptimize(rows->size());
         librarySeconds += secondsSince(start);
         start = Clock::now();
-        benchmark::DoNotOptimize(rawReadRows(made.bigManifest, "SELECT rowid, documentUUID, timestamp, deleted FROM NBManifestRow"));
+        benchmark::DoNotOptimize(rawReadRows(
+            made.bigManifest, "SELECT rowid, documentUUID, timestamp, deleted FROM NBManifestRow"));
         floorSeconds += secondsSince(start);
     }
     const double iterations = double(state.iterations());

@@ -1,6 +1,7 @@
 // The one-shot life cycle and default service behaviour shared by every library controller.
 #include "library/NBAbstractController.h"
 
+#include "dispatch/OAKDispatchQueue.h"
 #include "foundation/NBLogging.h"
 #include "library/NBLibraryLogging.h"
 
@@ -86,4 +87,14 @@ void NBAbstractController::processDeletionOfDocumentWithUUID(const QString&,
                                                              NBErrorHandler completionHandler) {
     if (completionHandler)
         completionHandler(std::nullopt);
+}
+
+bool NBAbstractController::checkQueue(const std::shared_ptr<OAKDispatchQueue>& queue, const char* queueName,
+                                      const char* method) const {
+    if (queue && queue->isInCurrentQueueStack())
+        return true;
+    qCWarning(lcLibrary).noquote() << nbFormat("%@:%@ should only be called from within the %@ queue",
+                                               className(), QString::fromUtf8(method),
+                                               QString::fromUtf8(queueName));
+    return false;
 }

@@ -27,6 +27,7 @@
 #include <type_traits>
 
 class NBDocument;
+class OAKDispatchQueue;
 class NBLibraryManager;
 
 using NBErrorHandler = std::function<void(const std::optional<NBError>& error)>;
@@ -84,6 +85,12 @@ public:
                                              NBErrorHandler completionHandler);
     virtual void processDeletionOfDocumentWithUUID(const QString& documentUUID,
                                                    NBErrorHandler completionHandler);
+
+protected:
+    // True when the caller runs inside `queue`; otherwise logs "<class>:<method> should only be called from
+    // within the <queue name> queue" and returns false.
+    bool checkQueue(const std::shared_ptr<OAKDispatchQueue>& queue, const char* queueName,
+                    const char* method) const;
 
 private:
     static void raiseAbstractClassAssertion();

@@ -140,16 +140,6 @@ NBBucket::~NBBucket() {
     NBFileSystemEventCenter::defaultCenter().removeObserver(static_cast<const void*>(this));
 }
 
-bool NBBucket::checkQueue(const std::shared_ptr<OAKDispatchQueue>& queue, const char* queueName,
-                          const char* method) const {
-    if (queue && queue->isInCurrentQueueStack())
-        return true;
-    qCWarning(lcLibrary).noquote() << nbFormat("%@:%@ should only be called from within the %@ queue",
-                                               className(), QString::fromUtf8(method),
-                                               QString::fromUtf8(queueName));
-    return false;
-}
-
 bool NBBucket::setUpWithError(NBError* outError) {
     if (!QDir().mkpath(deviceInfoDirectory()))
         return nbFail(outError, NBError::errorWithObject("NBBucket", 1,

@@ -200,8 +200,6 @@ private:
         NBTimestamp timestamp = 0;
         bool deleted = false;
     };
-    bool checkQueue(const std::shared_ptr<OAKDispatchQueue>& queue, const char* queueName,
-                    const char* method) const;
     std::shared_ptr<NBBucket> sharedBucket() {
         return std::static_pointer_cast<NBBucket>(shared_from_this());
     }

@@ -31,16 +31,6 @@ NBRevisionController::NBRevisionController(ConstructionToken token,
 
 NBRevisionController::~NBRevisionController() = default;
 
-bool NBRevisionController::checkQueue(const std::shared_ptr<OAKDispatchQueue>& queue, const char* queueName,
-                                      const char* method) const {
-    if (queue && queue->isInCurrentQueueStack())
-        return true;
-    qCWarning(lcLibrary).noquote() << nbFormat("%@:%@ should only be called from within the %@ queue",
-                                               className(), QString::fromUtf8(method),
-                                               QString::fromUtf8(queueName));
-    return false;
-}
-
 QString NBRevisionController::databasePath() const {
     return databasePath_;
 }

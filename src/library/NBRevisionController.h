@@ -112,8 +112,6 @@ private:
     };
     using OperationGroup = QHash<QString, std::shared_ptr<NBServiceOperation>>;
 
-    bool checkQueue(const std::shared_ptr<OAKDispatchQueue>& queue, const char* queueName,
-                    const char* method) const;
     void openDatabase();
     // Database queue.
     std::vector<std::shared_ptr<NBServiceOperation>>

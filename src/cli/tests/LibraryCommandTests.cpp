@@ -67,14 +67,15 @@ TEST(LibraryCommand, WritingCommandsAreRefusedWhileAnotherProgramRunsTheLibrary)
     EXPECT_EQ(refused.exitCode, 1) << refused.describe();
     EXPECT_TRUE(refused.err.contains(QStringLiteral("is open in another program: "))) << refused.describe();
     // Reading commands go on working.
-    const NBCommandRun info = nbRunCommand(QStringLiteral(QUILLON_BINARY), {"library", "info", "--library", root});
+    const NBCommandRun info =
+        nbRunCommand(QStringLiteral(QUILLON_BINARY), {"library", "info", "--library", root});
     EXPECT_EQ(info.exitCode, 0) << info.describe();
     const QJsonObject object = QJsonDocument::fromJson(info.out.toUtf8()).object();
     EXPECT_EQ(object.value("deviceIdentifier").toString(), manager->deviceIdentifier());
     EXPECT_TRUE(object.value("openIn").toString().contains(QStringLiteral("process "))) << info.describe();
     ASSERT_TRUE(manager->tearDownWithError());
-    const NBCommandRun allowed =
-        nbRunCommand(QStringLiteral(QUILLON_BINARY), {"new", "experiment", "--title", "T", "--library", root});
+    const NBCommandRun allowed = nbRunCommand(QStringLiteral(QUILLON_BINARY),
+                                              {"new", "experiment", "--title", "T", "--library", root});
     EXPECT_EQ(allowed.exitCode, 0) << allowed.describe();
 }
 
