@@ -51,7 +51,7 @@ QVariantMap withTimerKeysOf(QVariantMap info, const QVariantMap& current) {
 
 NBDocumentEditor::NBDocumentEditor(QWidget* parent)
     : QWidget(parent), mapping_(std::make_unique<NBDocumentTextMapping>(NBParagraphLook(font()))),
-      pending_(std::make_shared<PendingChanges>()), finder_(std::make_unique<NBPlainScanDocumentFinder>()) {
+      pending_(std::make_shared<PendingChanges>()) {
     setObjectName(QStringLiteral("documentEditor"));
     undoStack_ = new QUndoStack(this);
     view_ = new NBEditorTextView(this);
@@ -109,6 +109,7 @@ void NBDocumentEditor::setDocument(const std::shared_ptr<NBDocument>& document) 
         pending_->keys.clear();
     }
     document_ = document;
+    finder_ = document ? std::make_unique<NBDocumentFinder>(document, this) : nullptr;
     undoStack_->clear();
     dirty_.clear();
     durations_.clear();

@@ -21,7 +21,8 @@
 //
 // Bench helpers. A paragraph that can carry a timer and whose text holds a duration shows a start button;
 // running timers count down in the block, updated every second. Steps of experiments have a done box
-// ("doneParagraphUUIDs"). Find (Ctrl+F) highlights every hit of a query.
+// ("doneParagraphUUIDs"). Find (Ctrl+F) asks the document's full-text index (NBDocumentFinder.h) and
+// highlights every hit.
 #pragma once
 
 #include "app/NBDocumentTextMapping.h"
@@ -135,8 +136,6 @@ public:
     // The paragraphs with hits, and the index of the current hit (-1: none), of the last find.
     const QStringList& findResults() const { return findResults_; }
     int currentFindIndex() const { return currentFind_; }
-    // Replaces the plain scan with another finder (the per-document search index, say).
-    void setFinder(std::unique_ptr<NBDocumentFinder> finder);
 
     // Menus and actions for a window (owned by the editor).
     QMenu* formatMenu() const { return formatMenu_; }
@@ -148,6 +147,8 @@ public:
 
 Q_SIGNALS:
     void titleChanged(const QString& title);
+    // A find's results arrived (findResults() holds them).
+    void findFinished();
     // An action failed in a way the user should hear of (a file that could not be attached, ...).
     void errorOccurred(const QString& message);
 

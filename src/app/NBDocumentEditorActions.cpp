@@ -566,8 +566,13 @@ void NBDocumentEditor::changeTableStructure(
         info.remove(QString::fromUtf8(kNBParagraphTableColumnWidthsKey));
         if (std::optional<NBParagraph> changed = NBParagraph::paragraphWithUUID(uuid, info))
             document_->modifyParagraph(*changed);
-        return NBEditorSelection{{uuid, 1}, {uuid, 1}};
+        return std::nullopt;
     });
+    // The cursor stays in the same cell, or the nearest one left.
+    if (QTextTable* table = mapping_->tableOfParagraph(uuid))
+        view_->setTextCursor(
+            table->cellAt(std::min(row, table->rows() - 1), std::min(column, table->columns() - 1))
+                .firstCursorPosition());
 }
 
 void NBDocumentEditor::insertTableRow(bool below) {

@@ -353,10 +353,6 @@ void NBDocumentEditor::setParagraphDone(const QString& uuid, bool done) {
 
 // MARK: - Find
 
-void NBDocumentEditor::setFinder(std::unique_ptr<NBDocumentFinder> finder) {
-    finder_ = std::move(finder);
-}
-
 void NBDocumentEditor::createFindBar() {
     findBar_ = new QWidget(this);
     findBar_->setObjectName(QStringLiteral("findBar"));
@@ -415,34 +411,33 @@ void NBDocumentEditor::find(const QString& query) {
         refreshFindHighlights();
         return;
     }
-    // Table paragraphs are searched cell by cell in their shown text, other paragraphs in their plain text.
-    NBDocumentFinder::ParagraphTexts texts;
-    for (const QString& uuid : mapping_->layout()) {
-        const NBParagraph paragraph = mapping_->paragraph(uuid);
-        if (paragraph.isDayType())
-            continue;
-        QString plain;
-        if (paragraph.isTableType()) {
-            QTextCursor cells(mapping_->textDocument());
-            cells.setPosition(mapping_->startOfParagraph(uuid));
-            cells.setPosition(mapping_->endOfParagraph(uuid), QTextCursor::KeepAnchor);
-            plain = cells.selectedText();
-        } else if (NBParagraphLook::isTextKind(paragraph.kind())) {
-            plain = mapping_->shownStyledText(uuid).string();
-        } else {
-            plain = paragraph.plainTextContent();
-        }
-        texts.append({uuid, plain});
+    if (!finder_) {
+        findResults_.clear();
+        currentFind_ = -1;
+        refreshFindHighlights();
+        return;
     }
+    // The index holds what the document holds: typing not yet written is written first.
+    writePendingEdits();
     QPointer<NBDocumentEditor> self(this);
-    finder_->findParagraphs(query, texts, [self, generation](const QStringList& uuids) {
+    finder_->findParagraphs(query, [self, generation](const QStringList& uuids) {
         if (!self || generation != self->findGeneration_)
             return;
+        // In document order; paragraphs that are no longer shown are left out.
+        QList<QPair<int, QString>> ordered;
+        for (const QString& uuid : uuids)
+            if (const int index = self->mapping_->indexOfParagraph(uuid); index >= 0)
+                ordered.append({index, uuid});
+        std::sort(ordered.begin(), ordered.end());
         const QString previous =
             self->currentFind_ >= 0 ? self->findResults_.value(self->currentFind_) : QString();
-        self->findResults_ = uuids;
-        self->currentFind_ = uuids.isEmpty() ? -1 : std::max<int>(0, int(uuids.indexOf(previous)));
+        self->findResults_.clear();
+        for (const auto& entry : ordered)
+            self->findResults_ << entry.second;
+        self->currentFind_ =
+            self->findResults_.isEmpty() ? -1 : std::max<int>(0, int(self->findResults_.indexOf(previous)));
         self->refreshFindHighlights();
+        Q_EMIT self->findFinished();
     });
 }
 

@@ -1,10 +1,56 @@
-// Finding a query in the open document by a scan of its paragraphs in search form (see NBDocumentFinder.h).
+// Finding a query in the open document through its full-text index (see NBDocumentFinder.h).
 #include "app/NBDocumentFinder.h"
 
 #include "search/NBSearchNormalization.h"
+#include "search/NBSearchQuery.h"
+#include "search/NBSingleDocumentSearchIndex.h"
+
+#include <algorithm>
+
+NBDocumentFinder::NBDocumentFinder(const std::shared_ptr<NBDocument>& document, QObject* receiver)
+    : index_(NBSingleDocumentSearchIndex::singleDocumentSearchIndexWithDocument(document)),
+      delivery_(std::make_shared<Delivery>()) {
+    delivery_->receiver = receiver;
+    if (index_)
+        index_->setUpAsynchronouslyIfNecessary();
+}
+
+NBDocumentFinder::~NBDocumentFinder() {
+    {
+        std::lock_guard lock(delivery_->mutex);
+        delivery_->receiver = nullptr;
+    }
+    if (index_)
+        index_->close();
+}
+
+void NBDocumentFinder::findParagraphs(const QString& query, Completion completion) {
+    const QString normalized = normalizedQueryForSearch(query);
+    if (!index_ || normalized.trimmed().isEmpty()) {
+        completion({});
+        return;
+    }
+    std::weak_ptr<Delivery> delivery = delivery_;
+    index_->query(normalized, [delivery, completion](const NBSearchResultSet& results, bool moreFollow) {
+        if (moreFollow)
+            return true;
+        QStringList uuids;
+        for (const NBSearchResult& result : results)
+            if (!NBSingleDocumentSearchIndex::metadataKeys().contains(result.documentIdentifier()))
+                uuids << result.documentIdentifier();
+        const std::shared_ptr<Delivery> target = delivery.lock();
+        if (!target)
+            return false;
+        std::lock_guard lock(target->mutex);
+        if (target->receiver)
+            QMetaObject::invokeMethod(
+                target->receiver, [completion, uuids] { completion(uuids); }, Qt::QueuedConnection);
+        return false;
+    });
+}
 
 QStringList NBDocumentFinder::searchTokensForQuery(const QString& query) {
-    return normalizedStringForSearch(query).split(QLatin1Char(' '), Qt::SkipEmptyParts);
+    return ::searchTokensForQuery(query);
 }
 
 QList<NBTextRange> NBDocumentFinder::highlightRanges(const QString& text, const QStringList& searchTokens) {
@@ -12,27 +58,4 @@ QList<NBTextRange> NBDocumentFinder::highlightRanges(const QString& text, const 
     std::sort(ranges.begin(), ranges.end(),
               [](const NBTextRange& a, const NBTextRange& b) { return a.location < b.location; });
     return ranges;
-}
-
-bool NBPlainScanDocumentFinder::textMatchesTokens(const QString& text, const QStringList& searchTokens) {
-    if (searchTokens.isEmpty())
-        return false;
-    const QStringList words = normalizedStringForSearch(text).split(QLatin1Char(' '), Qt::SkipEmptyParts);
-    for (const QString& token : searchTokens) {
-        const bool found = std::any_of(words.begin(), words.end(),
-                                       [&](const QString& word) { return word.startsWith(token); });
-        if (!found)
-            return false;
-    }
-    return true;
-}
-
-void NBPlainScanDocumentFinder::findParagraphs(const QString& query, const ParagraphTexts& paragraphs,
-                                               Completion completion) {
-    const QStringList tokens = searchTokensForQuery(query);
-    QStringList found;
-    for (const auto& [uuid, text] : paragraphs)
-        if (textMatchesTokens(text, tokens))
-            found << uuid;
-    completion(found);
 }

@@ -1,41 +1,50 @@
-// NBDocumentFinder: what the editor's find bar asks to find a query's paragraphs in the open document, and
-// the stretches of a paragraph's text to highlight.
+// NBDocumentFinder: finding a query's paragraphs in the open document for the editor's find bar, through
+// the document's own full-text index (NBSingleDocumentSearchIndex, which follows the document's edits and
+// syncs), and the stretches of a paragraph's text to highlight.
 //
-// NBPlainScanDocumentFinder answers by scanning the paragraphs it is handed in their search form
-// (search/NBSearchNormalization.h): a paragraph matches when each word of the query begins a word of its
-// text, as the full-text indexes match prefixes.
+// Queries are what the user types: words found by their beginnings, OR and parentheses as typed, a quoted
+// query for paragraphs holding every word (search/NBSearchQuery.h). The index holds what the document
+// holds, so the editor writes pending typing before it asks.
 #pragma once
 
 #include "foundation/NBTextRange.h"
 
-#include <QList>
-#include <QPair>
+#include <QObject>
 #include <QString>
 #include <QStringList>
 
 #include <functional>
+#include <memory>
+#include <mutex>
+
+class NBDocument;
+class NBSingleDocumentSearchIndex;
 
 class NBDocumentFinder {
 public:
-    // The paragraphs (UUID and plain text) a finder searches, in document order.
-    using ParagraphTexts = QList<QPair<QString, QString>>;
     using Completion = std::function<void(const QStringList& paragraphUUIDs)>;
 
-    virtual ~NBDocumentFinder() = default;
-    // Calls `completion` once, on the calling thread's event loop or at once, with the UUIDs of the
-    // paragraphs that match `query`, in document order.
-    virtual void findParagraphs(const QString& query, const ParagraphTexts& paragraphs,
-                                Completion completion) = 0;
+    // A finder over `document`'s index; completions are delivered on `receiver`'s thread while it lives.
+    NBDocumentFinder(const std::shared_ptr<NBDocument>& document, QObject* receiver);
+    ~NBDocumentFinder();
+    NBDocumentFinder(const NBDocumentFinder&) = delete;
+    NBDocumentFinder& operator=(const NBDocumentFinder&) = delete;
 
-    // The query's words in search form.
+    // Calls `completion` once, later, with the UUIDs of the paragraphs that match `query` (in no particular
+    // order; the editor orders them by the layout). Metadata hits are left out.
+    void findParagraphs(const QString& query, Completion completion);
+
+    // The query's words in search form, for highlighting.
     static QStringList searchTokensForQuery(const QString& query);
-    // The stretches of `text` to highlight for the query's words.
+    // The stretches of `text` to highlight for the query's words, in text order.
     static QList<NBTextRange> highlightRanges(const QString& text, const QStringList& searchTokens);
-};
 
-class NBPlainScanDocumentFinder : public NBDocumentFinder {
-public:
-    void findParagraphs(const QString& query, const ParagraphTexts& paragraphs,
-                        Completion completion) override;
-    static bool textMatchesTokens(const QString& text, const QStringList& searchTokens);
+private:
+    // What a result block may still reach once the finder is gone: nothing, after `receiver` is cleared.
+    struct Delivery {
+        std::mutex mutex;
+        QObject* receiver = nullptr;
+    };
+    std::shared_ptr<NBSingleDocumentSearchIndex> index_;
+    std::shared_ptr<Delivery> delivery_;
 };

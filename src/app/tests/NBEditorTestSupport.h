@@ -8,6 +8,7 @@
 
 #include <QCoreApplication>
 #include <QDeadlineTimer>
+#include <QSignalSpy>
 #include <QTest>
 #include <QTextEdit>
 
