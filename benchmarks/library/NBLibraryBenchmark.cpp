@@ -264,10 +264,8 @@ void BM_RetainAndRelease1000(benchmark::State& state) {
         benchmark::DoNotOptimize(rows);
         floorSeconds += secondsSince(start);
     }
-    state.PauseTiming();
     manager->waitUntilFinished();
     manager->tearDownWithError();
-    state.ResumeTiming();
     const double iterations = double(state.iterations());
     state.counters["library_ms"] = librarySeconds / iterations * 1000;
     state.counters["raw_log_reads_ms"] = floorSeconds / iterations * 1000;
