@@ -98,31 +98,47 @@ bool NBMultiDocumentSearchIndex::addParagraph(const NBParagraph& paragraph, cons
 
 bool NBMultiDocumentSearchIndex::addParagraphs(const QList<NBParagraph>& paragraphs,
                                                const QString& documentUUID) {
-    if (!isValidDocumentUUID(documentUUID))
-        return false;
-    for (const NBParagraph& paragraph : paragraphs) {
-        if (paragraph.uuid().isEmpty())
+    return addParagraphsOfDocuments({{documentUUID, paragraphs}});
+}
+
+bool NBMultiDocumentSearchIndex::addParagraphsOfDocuments(
+    const std::vector<std::pair<QString, QList<NBParagraph>>>& documents) {
+    for (const auto& [documentUUID, paragraphs] : documents) {
+        if (!isValidDocumentUUID(documentUUID))
             return false;
+        for (const NBParagraph& paragraph : paragraphs) {
+            if (paragraph.uuid().isEmpty())
+                return false;
+        }
     }
-    bool indexed = false;
+    return writeInTransaction(QStringLiteral("index paragraphs"), [&](SQLite::Database&) {
+        bool indexed = true;
+        for (const auto& [documentUUID, paragraphs] : documents) {
+            for (const NBParagraph& paragraph : paragraphs)
+                indexed = indexParagraphOnSearchQueue(paragraph, documentUUID) && indexed;
+        }
+        return indexed;
+    });
+}
+
+bool NBMultiDocumentSearchIndex::writeInTransaction(const QString& what,
+                                                    const std::function<bool(SQLite::Database&)>& write) {
+    bool written = false;
     searchIndex_->accessSQLiteDBSynchronouslyWithBlock([&](SQLite::Database* database) {
         if (!database)
             return;
         try {
             SQLite::Transaction transaction(*database);
-            indexed = true;
-            for (const NBParagraph& paragraph : paragraphs)
-                indexed = indexParagraphOnSearchQueue(paragraph, documentUUID) && indexed;
-            if (indexed)
+            written = write(*database);
+            if (written)
                 transaction.commit();
         } catch (const SQLite::Exception& exception) {
-            indexed = false;
-            qCWarning(lcSearch).noquote()
-                << nbFormat("could not index paragraphs of document %@ in '%@': %@", documentUUID,
-                            indexName(), QString::fromUtf8(exception.what()));
+            written = false;
+            qCWarning(lcSearch).noquote() << nbFormat("could not %@ in search index '%@': %@", what,
+                                                      indexName(), QString::fromUtf8(exception.what()));
         }
     });
-    return indexed;
+    return written;
 }
 
 bool NBMultiDocumentSearchIndex::removeParagraphWithUUID(const QString& paragraphUUID,
@@ -148,25 +164,12 @@ QStringList NBMultiDocumentSearchIndex::identifiersOfDocument(SQLite::Database& 
 bool NBMultiDocumentSearchIndex::removeDocumentWithUUID(const QString& documentUUID) {
     if (!isValidDocumentUUID(documentUUID))
         return false;
-    bool removed = false;
-    searchIndex_->accessSQLiteDBSynchronouslyWithBlock([&](SQLite::Database* database) {
-        if (!database)
-            return;
-        try {
-            SQLite::Transaction transaction(*database);
-            removed = true;
-            for (const QString& identifier : identifiersOfDocument(*database, documentUUID))
-                removed = searchIndex_->removeDocumentWithIdentifier(identifier) && removed;
-            if (removed)
-                transaction.commit();
-        } catch (const SQLite::Exception& exception) {
-            removed = false;
-            qCWarning(lcSearch).noquote()
-                << nbFormat("could not remove document %@ from '%@': %@", documentUUID, indexName(),
-                            QString::fromUtf8(exception.what()));
-        }
+    return writeInTransaction("remove document " + documentUUID, [&](SQLite::Database& database) {
+        bool removed = true;
+        for (const QString& identifier : identifiersOfDocument(database, documentUUID))
+            removed = searchIndex_->removeDocumentWithIdentifier(identifier) && removed;
+        return removed;
     });
-    return removed;
 }
 
 qint64 NBMultiDocumentSearchIndex::staleRowCount() {

@@ -119,6 +119,23 @@ struct NBSQLiteFTS4SearchIndex::Private {
     // access.
     QString lastOpenFailure;
 
+    // The statement in `slot`, prepared on first use and reset for a new run.
+    static SQLite::Statement& reusable(std::unique_ptr<SQLite::Statement>& slot, SQLite::Database& database,
+                                       const char* sql) {
+        if (!slot)
+            slot = std::make_unique<SQLite::Statement>(database, sql);
+        slot->reset();
+        return *slot;
+    }
+
+    // Content-full: removes the identifier's row.
+    void deleteRow(SQLite::Database& database, const std::string& identifier) {
+        SQLite::Statement& statement =
+            reusable(deleteIdentifier, database, "DELETE FROM SearchIndex WHERE identifier = ?");
+        statement.bind(1, identifier);
+        statement.exec();
+    }
+
     void finalizeStatements() {
         deleteIdentifier.reset();
         insertContent.reset();
@@ -308,39 +325,25 @@ bool NBSQLiteFTS4SearchIndex::addOnSearchQueue(const QString& identifier, const 
     try {
         if (!contentLess_) {
             // Content-full: the identifier's row is replaced; empty content only removes it.
-            if (!d->deleteIdentifier)
-                d->deleteIdentifier = std::make_unique<SQLite::Statement>(
-                    *database, "DELETE FROM SearchIndex WHERE identifier = ?");
-            SQLite::Statement& deleteRow = *d->deleteIdentifier;
-            deleteRow.reset();
-            deleteRow.bind(1, identifierText);
-            deleteRow.exec();
+            d->deleteRow(*database, identifierText);
             if (content.isEmpty())
                 return false;
-            if (!d->insertContent)
-                d->insertContent = std::make_unique<SQLite::Statement>(
-                    *database, "INSERT INTO SearchIndex (identifier, content_to_index) VALUES (?, ?)");
-            SQLite::Statement& insert = *d->insertContent;
-            insert.reset();
+            SQLite::Statement& insert =
+                Private::reusable(d->insertContent, *database,
+                                  "INSERT INTO SearchIndex (identifier, content_to_index) VALUES (?, ?)");
             insert.bind(1, identifierText);
             insert.bind(2, contentText);
             return insert.exec() == 1;
         }
         // Content-less: the identifier gets a new row, whose rowid is the docid of the new text.
-        if (!d->insertIdentifier)
-            d->insertIdentifier = std::make_unique<SQLite::Statement>(
-                *database, "INSERT INTO SearchIdentifier (identifier) VALUES (?)");
-        SQLite::Statement& insertIdentifier = *d->insertIdentifier;
-        insertIdentifier.reset();
+        SQLite::Statement& insertIdentifier = Private::reusable(
+            d->insertIdentifier, *database, "INSERT INTO SearchIdentifier (identifier) VALUES (?)");
         insertIdentifier.bind(1, identifierText);
         if (insertIdentifier.exec() != 1)
             return false;
         const qint64 docID = database->getLastInsertRowid();
-        if (!d->insertDocID)
-            d->insertDocID = std::make_unique<SQLite::Statement>(
-                *database, "INSERT INTO SearchIndex (docid, content_to_index) VALUES (?,?)");
-        SQLite::Statement& insertText = *d->insertDocID;
-        insertText.reset();
+        SQLite::Statement& insertText = Private::reusable(
+            d->insertDocID, *database, "INSERT INTO SearchIndex (docid, content_to_index) VALUES (?,?)");
         insertText.bind(1, static_cast<std::int64_t>(docID));
         insertText.bind(2, contentText);
         return insertText.exec() == 1;
@@ -357,20 +360,11 @@ bool NBSQLiteFTS4SearchIndex::removeOnSearchQueue(const QString& identifier) {
         return false;
     try {
         if (!contentLess_) {
-            if (!d->deleteIdentifier)
-                d->deleteIdentifier = std::make_unique<SQLite::Statement>(
-                    *database, "DELETE FROM SearchIndex WHERE identifier = ?");
-            SQLite::Statement& deleteRow = *d->deleteIdentifier;
-            deleteRow.reset();
-            deleteRow.bind(1, utf8(identifier));
-            deleteRow.exec();
+            d->deleteRow(*database, utf8(identifier));
             return true;
         }
-        if (!d->selectIdentifier)
-            d->selectIdentifier = std::make_unique<SQLite::Statement>(
-                *database, "SELECT rowID FROM SearchIdentifier WHERE identifier IS ?");
-        SQLite::Statement& select = *d->selectIdentifier;
-        select.reset();
+        SQLite::Statement& select = Private::reusable(
+            d->selectIdentifier, *database, "SELECT rowID FROM SearchIdentifier WHERE identifier IS ?");
         select.bind(1, utf8(identifier));
         const bool known = select.executeStep();
         select.reset();

@@ -1,7 +1,11 @@
 // NBSQLiteFTS4SearchIndex: a full-text index on an SQLite FTS4 table, in memory or in a database file.
 //
-// ON-DISK FORMAT (this file owns it). An index file is an SQLite 3 database (default rollback journal) that
-// holds one of two schemas, created on first open with exactly these statements:
+// ON-DISK FORMAT (this file owns it). An index file is an SQLite 3 database in write-ahead-log mode (its
+// "-wal" and "-shm" files lie beside it while it is open) with synchronous NORMAL: a commit is not synced to
+// the disk, the log is at checkpoints, so a crash of the machine (not of the program) can lose the last
+// commits but never damages the file. The index is derived data, and indexing a document is one
+// transaction, so a syncing commit per document would cost the build its speed for nothing the owner
+// cannot redo. The file holds one of two schemas, created on first open with exactly these statements:
 //
 //   Content-full (the default): the text is stored with its index, one row per identifier.
 //     CREATE VIRTUAL TABLE IF NOT EXISTS SearchIndex USING fts4(identifier, content_to_index)

@@ -137,6 +137,13 @@ TEST(NBMultiDocumentSearchIndex, GroupsHitsByDocumentAndForgetsRemovedOnes) {
     EXPECT_FALSE(index->addParagraph(paragraphWithText("X", "text"), ""));
     EXPECT_FALSE(index->addParagraph(paragraphWithText("X", "text"), "A/B"));
     EXPECT_FALSE(index->removeDocumentWithUUID(""));
+    // Several documents at once: all or nothing.
+    EXPECT_FALSE(index->addParagraphsOfDocuments(
+        {{"DOC-C", {paragraphWithText("C9", "zebrafish")}}, {"A/B", {paragraphWithText("X", "zebrafish")}}}));
+    EXPECT_EQ(hitsOf(*index, "zebrafish"), QStringList());
+    EXPECT_TRUE(index->addParagraphsOfDocuments({{"DOC-C", {paragraphWithText("C9", "zebrafish")}},
+                                                 {"DOC-D", {paragraphWithText("D1", "zebrafish")}}}));
+    EXPECT_EQ(hitsOf(*index, "zebrafish"), QStringList({"DOC-C/C9", "DOC-D/D1"}));
 }
 
 TEST(NBMultiDocumentSearchIndex, IndexFileIsFoundAgainWhenReopened) {
