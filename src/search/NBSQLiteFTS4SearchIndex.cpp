@@ -407,10 +407,17 @@ QString NBSQLiteFTS4SearchIndex::formattedQueryFromQuery(const QString& query) {
 
 void NBSQLiteFTS4SearchIndex::query(const QString& query, double, unsigned maximumBatchSize,
                                     ResultBlock resultBlock) {
-    auto self = std::static_pointer_cast<NBSQLiteFTS4SearchIndex>(shared_from_this());
+    // The block holds the index only while it reads rows, and makes the last call after letting it go: a
+    // caller that drops the index once it has the answer must never leave the index's destruction to this
+    // queue (at process exit, what the destructor uses may already be gone).
+    const std::weak_ptr<NBSQLiteFTS4SearchIndex> weakSelf =
+        std::static_pointer_cast<NBSQLiteFTS4SearchIndex>(shared_from_this());
     searchQueue_->dispatchAsynchronously(
-        [self, query, maximumBatchSize, resultBlock = std::move(resultBlock)] {
-            self->runQuery(query, maximumBatchSize, resultBlock);
+        [weakSelf, query, maximumBatchSize, resultBlock = std::move(resultBlock)] {
+            NBSearchResultSet results;
+            if (const auto self = weakSelf.lock())
+                results = self->runQuery(query, maximumBatchSize, resultBlock);
+            resultBlock(results, false);
         });
 }
 
@@ -427,9 +434,10 @@ void NBSQLiteFTS4SearchIndex::query(const QString& query, double, unsigned maxim
 // results and joins the results so far; each time those reach the maximum batch size, the block gets all
 // results so far with moreFollow true, and a false answer stops the reading. At the end (or on a stop) the
 // row set is closed, the rest of the batch becomes results, and the block gets everything once more with
-// moreFollow false. A malformed expression or an unreadable database reads no row.
-void NBSQLiteFTS4SearchIndex::runQuery(const QString& query, unsigned maximumBatchSize,
-                                       const ResultBlock& resultBlock) {
+// moreFollow false (that last call is made by query(), from what this returns). A malformed expression or an
+// unreadable database reads no row.
+NBSearchResultSet NBSQLiteFTS4SearchIndex::runQuery(const QString& query, unsigned maximumBatchSize,
+                                                    const ResultBlock& resultBlock) {
     NBSearchResultSet results;
     QSet<QString> identifiersSoFar;
     std::vector<std::pair<QString, QSet<unsigned>>> identifierBatch;
@@ -495,7 +503,7 @@ void NBSQLiteFTS4SearchIndex::runQuery(const QString& query, unsigned maximumBat
         } catch (const SQLite::Exception&) {
         }
     }
-    resultBlock(results, false);
+    return results;
 }
 
 NBSearchResultSet NBSQLiteFTS4SearchIndex::contentlessRelevantSearchResultsFromDocIDSet(

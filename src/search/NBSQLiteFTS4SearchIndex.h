@@ -125,7 +125,9 @@ private:
     void closeSQLiteDB();
     bool addOnSearchQueue(const QString& identifier, const QString& content);
     bool removeOnSearchQueue(const QString& identifier);
-    void runQuery(const QString& query, unsigned maximumBatchSize, const ResultBlock& resultBlock);
+    // Reads the rows, making the calls with moreFollow true, and returns every result.
+    NBSearchResultSet runQuery(const QString& query, unsigned maximumBatchSize,
+                               const ResultBlock& resultBlock);
     NBSearchResultSet
     contentlessRelevantSearchResultsFromDocIDSet(SQLite::Database& database,
                                                  const std::vector<std::pair<qint64, QSet<unsigned>>>& docIDs,

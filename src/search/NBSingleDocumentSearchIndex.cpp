@@ -123,10 +123,11 @@ void NBSingleDocumentSearchIndex::query(const QString& query, double timeInterva
     auto filter = std::make_shared<Filter>();
     NBSQLiteFTS4SearchIndex::query(
         query, timeInterval, maximumBatchSize,
-        [document = document_, filter, resultBlock = std::move(resultBlock)](const NBSearchResultSet& results,
-                                                                             bool moreFollow) {
+        [weakDocument = std::weak_ptr<NBDocument>(document_), filter,
+         resultBlock = std::move(resultBlock)](const NBSearchResultSet& results, bool moreFollow) {
             if (!filter->layout) {
-                const QStringList layout = document->layout();
+                const auto document = weakDocument.lock();
+                const QStringList layout = document ? document->layout() : QStringList();
                 filter->layout = QSet<QString>(layout.begin(), layout.end());
             }
             for (qsizetype index = filter->filteredCount; index < results.size(); ++index) {

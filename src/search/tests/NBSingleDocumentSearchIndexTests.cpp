@@ -87,3 +87,23 @@ TEST(NBSingleDocumentSearchIndex, FollowsAnotherDevicesEditsAfterASync) {
     writer->tearDownNow();
     reader->tearDownNow();
 }
+
+// A query's block used to keep the index (and through it the document) until the block was destroyed on the
+// search queue, after the answer: dropped by its owner then, the index was destroyed on that queue, at
+// process exit after the notification centre was gone.
+TEST(NBSingleDocumentSearchIndex, IndexAndDocumentGoWithTheirLastOwnerAfterAQuery) {
+    auto protocol = NBProtocol::inMemoryProtocol();
+    protocol->appendParagraph(NBParagraph::normalParagraphWithContent("Vortex briefly"));
+    // Its change notification is delivered before the index follows the document, so no delivery holds the
+    // index for a moment later on.
+    protocol->waitUntilFinished();
+    auto index = NBSingleDocumentSearchIndex::singleDocumentSearchIndexWithDocument(protocol);
+    EXPECT_EQ(found(*index, "vortex").size(), 1);
+    const std::weak_ptr<NBSingleDocumentSearchIndex> weakIndex = index;
+    const std::weak_ptr<NBDocument> weakDocument = protocol;
+    index.reset();
+    EXPECT_TRUE(weakIndex.expired());
+    protocol->tearDownNow();
+    protocol.reset();
+    EXPECT_TRUE(weakDocument.expired());
+}
