@@ -278,7 +278,10 @@ void NBRevisionController::forgetRecordsOfServiceWithName(const QString& service
 void NBRevisionController::recordSuccess(const QString& documentUUID, const QString& serviceName,
                                          const std::map<QString, NBTimestamp>& timestamps) {
     std::vector<Row>& rows = rowsByDocument_[documentUUID];
-    for (const auto& [device, timestamp] : timestamps) {
+    for (const auto& entry : timestamps) {
+        // Named copies: lambdas below cannot capture structured bindings in every compiler this builds with.
+        const QString& device = entry.first;
+        const NBTimestamp timestamp = entry.second;
         auto row = std::find_if(rows.begin(), rows.end(), [&](const Row& candidate) {
             return candidate.serviceName == serviceName && candidate.deviceIdentifier == device;
         });
@@ -538,7 +541,8 @@ void NBRevisionController::_runPendingOperations() {
     }
     std::sort(order.begin(), order.end());
     const QSet<QString> deleted = deletedDocumentUUIDsFromAllDevices();
-    for (const auto& [earliest, documentUUID] : order) {
+    for (const auto& entry : order) {
+        const QString documentUUID = entry.second;
         if (runningOperationGroups_.size() > kNBRevisionMaximumRunningDocuments)
             break;
         const OperationGroup group = pendingOperationGroups_.value(documentUUID);
