@@ -7,7 +7,7 @@ SANITIZE_DIR ?= build-sanitize
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
 
-.PHONY: all run test packages build build-sanitize test-plain test-sanitize bench format clean
+.PHONY: all run test packages build build-sanitize test-plain test-sanitize bench format clean editor-property
 
 all: build
 
@@ -39,6 +39,11 @@ test-sanitize: build-sanitize
 
 # The sanitizer run comes last so that the output ends with ctest's summary line.
 test: test-plain test-sanitize
+
+# The editor's no-keystroke-lost property at length (`make test` runs a few dozen sequences).
+editor-property: build
+	QT_QPA_PLATFORM=offscreen QUILLON_EDITOR_PROPERTY_CASES=1000 \
+	    $(BUILD_DIR)/src/app/quillon_app_tests --gtest_filter='NBDocumentEditorProperty.*'
 
 bench: build
 	@for program in $(BUILD_DIR)/benchmarks/*/quillon_*_benchmark; do echo "== $$program"; $$program; done

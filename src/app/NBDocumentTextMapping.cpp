@@ -370,15 +370,22 @@ void NBDocumentTextMapping::removeParagraphText(const QString& uuid) {
 }
 
 void NBDocumentTextMapping::removeBlock(const QTextBlock& block) {
-    // Join the block to its neighbour: to the next one when that is no table cell (the next block keeps
-    // its data), else to the previous one; between two tables the block stays, emptied, as a filler.
+    // Join the block to its neighbour: to the next one when that is no table cell, else to the previous
+    // one; between two tables the block stays, emptied, as a filler. Which of two joined blocks Qt keeps
+    // (and so whose user data and formats) depends on their contents, so the neighbour's are set again.
     const QTextBlock next = block.next();
     const QTextBlock previous = block.previous();
     QTextCursor cursor(document_.get());
+    QString survivor;
+    int survivorPosition = 0;
     if (next.isValid() && !blockIsInTable(next)) {
+        survivor = paragraphUUIDOfBlock(next);
+        survivorPosition = block.position();
         cursor.setPosition(block.position());
         cursor.setPosition(next.position(), QTextCursor::KeepAnchor);
     } else if (previous.isValid() && !blockIsInTable(previous)) {
+        survivor = paragraphUUIDOfBlock(previous);
+        survivorPosition = previous.position();
         cursor.setPosition(previous.position() + previous.length() - 1);
         cursor.setPosition(block.position() + block.length() - 1, QTextCursor::KeepAnchor);
     } else {
@@ -390,6 +397,17 @@ void NBDocumentTextMapping::removeBlock(const QTextBlock& block) {
         return;
     }
     cursor.removeSelectedText();
+    QTextBlock kept = document_->findBlock(survivorPosition);
+    auto found = survivor.isEmpty() ? entries_.end() : entries_.find(survivor);
+    if (found != entries_.end() && !found->paragraph.isTableType()) {
+        setBlockData(kept, survivor);
+        found->block = kept;
+        QTextCursor format(kept);
+        format.setBlockFormat(look_.blockFormat(found->paragraph));
+        format.setBlockCharFormat(look_.charFormat(found->paragraph.kind(), {}));
+    } else {
+        kept.setUserData(nullptr);
+    }
 }
 
 // MARK: - Rendering
