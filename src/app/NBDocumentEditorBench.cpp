@@ -417,8 +417,15 @@ void NBDocumentEditor::find(const QString& query) {
         refreshFindHighlights();
         return;
     }
-    // The index holds what the document holds: typing not yet written is written first.
+    // The index holds what the document holds: typing not yet written is written first, and handed to the
+    // index at once.
+    const QSet<QString> typed = dirty_;
     writePendingEdits();
+    QList<NBParagraph> written;
+    for (const QString& uuid : typed)
+        if (std::optional<NBParagraph> paragraph = modelParagraph(uuid))
+            written << *paragraph;
+    finder_->indexParagraphs(written);
     QPointer<NBDocumentEditor> self(this);
     finder_->findParagraphs(query, [self, generation](const QStringList& uuids) {
         if (!self || generation != self->findGeneration_)

@@ -10,9 +10,8 @@
 NBDocumentFinder::NBDocumentFinder(const std::shared_ptr<NBDocument>& document, QObject* receiver)
     : index_(NBSingleDocumentSearchIndex::singleDocumentSearchIndexWithDocument(document)),
       delivery_(std::make_shared<Delivery>()) {
+    // The index is set up by the first query, which reads the document as it is then.
     delivery_->receiver = receiver;
-    if (index_)
-        index_->setUpAsynchronouslyIfNecessary();
 }
 
 NBDocumentFinder::~NBDocumentFinder() {
@@ -47,6 +46,13 @@ void NBDocumentFinder::findParagraphs(const QString& query, Completion completio
                 target->receiver, [completion, uuids] { completion(uuids); }, Qt::QueuedConnection);
         return false;
     });
+}
+
+void NBDocumentFinder::indexParagraphs(const QList<NBParagraph>& paragraphs) {
+    if (!index_ || !index_->isSetUp())
+        return;
+    for (const NBParagraph& paragraph : paragraphs)
+        index_->indexParagraphWithInfo(paragraph.info(), paragraph.uuid());
 }
 
 QStringList NBDocumentFinder::searchTokensForQuery(const QString& query) {

@@ -18,6 +18,7 @@
 #include <mutex>
 
 class NBDocument;
+class NBParagraph;
 class NBSingleDocumentSearchIndex;
 
 class NBDocumentFinder {
@@ -33,6 +34,10 @@ public:
     // Calls `completion` once, later, with the UUIDs of the paragraphs that match `query` (in no particular
     // order; the editor orders them by the layout). Metadata hits are left out.
     void findParagraphs(const QString& query, Completion completion);
+
+    // Indexes paragraphs the editor has just written, so that a query that follows finds them at once
+    // (the index would otherwise take them in when their change notification reaches it).
+    void indexParagraphs(const QList<NBParagraph>& paragraphs);
 
     // The query's words in search form, for highlighting.
     static QStringList searchTokensForQuery(const QString& query);
