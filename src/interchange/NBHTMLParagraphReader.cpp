@@ -313,26 +313,14 @@ private:
             append(NBParagraph::sectionParagraphWithTitle(styled.markupString()));
             return;
         }
-        const NBDay day = NBHTMLParagraphReader::dayFromHeadingText(text);
-        if (!day.isNull()) {
-            append(NBParagraph::dayParagraphWithDay(day));
-            return;
-        }
-        if (level == 1 && result_.paragraphs.isEmpty() && !titleTaken_ && result_.title.isNull() &&
-            !options_.titleKnown) {
-            takeTitle(text);
-            return;
-        }
-        static const QRegularExpression step(QStringLiteral("^\\s*step\\s+\\d+\\s*(?:[:.)\\-]\\s*|$)"),
-                                             QRegularExpression::CaseInsensitiveOption);
-        const QRegularExpressionMatch match = step.match(styled.string());
-        if (match.hasMatch()) {
-            const NBStyledString rest = droppingPrefix(styled, match.capturedEnd(0), Separator::All);
-            append(NBParagraph::stepParagraphWithTitle(
-                (rest.string().trimmed().isEmpty() ? styled : rest).markupString(), QString(), QString()));
-            return;
-        }
-        append(NBParagraph::sectionParagraphWithTitle(styled.markupString()));
+        const bool mayBeTitle =
+            result_.paragraphs.isEmpty() && !titleTaken_ && result_.title.isNull() && !options_.titleKnown;
+        QString title;
+        if (const std::optional<NBParagraph> paragraph =
+                NBHTMLParagraphReader::paragraphForHeading(level, styled, mayBeTitle, &title))
+            append(*paragraph);
+        else
+            takeTitle(title);
     }
 
     void takeTitle(const QString& text) {
@@ -453,6 +441,27 @@ NBHTMLReadResult NBHTMLParagraphReader::paragraphsFromHTML(const QString& html,
                                                            const NBHTMLReadOptions& options) {
     const NBHTMLTree tree(html);
     return Walker(tree, options).run();
+}
+
+std::optional<NBParagraph> NBHTMLParagraphReader::paragraphForHeading(int level, const NBStyledString& text,
+                                                                      bool mayBeTitle, QString* outTitle) {
+    const NBDay day = dayFromHeadingText(text.string());
+    if (!day.isNull())
+        return NBParagraph::dayParagraphWithDay(day);
+    if (level == 1 && mayBeTitle) {
+        if (outTitle)
+            *outTitle = text.string().trimmed();
+        return std::nullopt;
+    }
+    static const QRegularExpression step(QStringLiteral("^\\s*step\\s+\\d+\\s*(?:[:.)\\-]\\s*|$)"),
+                                         QRegularExpression::CaseInsensitiveOption);
+    const QRegularExpressionMatch match = step.match(text.string());
+    if (match.hasMatch()) {
+        const NBStyledString rest = droppingPrefix(text, match.capturedEnd(0), Separator::All);
+        return NBParagraph::stepParagraphWithTitle(
+            (rest.string().trimmed().isEmpty() ? text : rest).markupString(), QString(), QString());
+    }
+    return NBParagraph::sectionParagraphWithTitle(text.markupString());
 }
 
 NBDay NBHTMLParagraphReader::dayFromHeadingText(QStringView text) {

@@ -73,6 +73,11 @@ class NBHTMLParagraphReader {
 public:
     static NBHTMLReadResult paragraphsFromHTML(const QString& html, const NBHTMLReadOptions& options);
 
+    // The paragraph a heading from a source other than the Quillon form becomes, by the rules above: a day,
+    // a step or a section; nothing when it is the title (`mayBeTitle`: a level-1 heading before any
+    // paragraph, with no title known), which then goes to *outTitle.
+    static std::optional<NBParagraph> paragraphForHeading(int level, const NBStyledString& text,
+                                                          bool mayBeTitle, QString* outTitle);
     // The day a heading's text names: "Day 3", "Day -1", "2024-03-07"; a null day for other text.
     static NBDay dayFromHeadingText(QStringView text);
     // The heading text of a day, which dayFromHeadingText reads back: "Day 3", "2024-03-07", "Day" for a
